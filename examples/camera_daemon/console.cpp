@@ -1,0 +1,39 @@
+#include "console.h"
+
+#include <cstdio>
+#include <map>
+
+#include <unistd.h>
+
+#include <vexo_utils/timer.h>
+
+namespace console {
+
+namespace {
+
+const long long startMs = nowMs();
+
+const char* colourOf(const std::string& who) {
+  static const std::map<std::string, const char*> colours = {
+      {"config", "\033[32m"}, {"daemon", "\033[1m"}, {"motion", "\033[35m"},
+      {"signal", "\033[31m"}, {"timer", "\033[34m"},
+  };
+  const auto found = colours.find(who);
+  return found != colours.end() ? found->second : "";
+}
+
+}  // namespace
+
+void say(const std::string& who, const std::string& what) {
+  static const bool colour = isatty(STDOUT_FILENO) == 1;
+  std::printf("%8.3f  %s%-8s%s %s\n", static_cast<double>(nowMs() - startMs) / 1000.0,
+              colour ? colourOf(who) : "", who.c_str(), colour ? "\033[0m" : "", what.c_str());
+  std::fflush(stdout);
+}
+
+void print(const std::string& line) {
+  std::puts(line.c_str());
+  std::fflush(stdout);
+}
+
+}  // namespace console

@@ -1,0 +1,27 @@
+// Reads what the library logs. The recorder is strict: a test that leaves a recorded error or
+// warning unexpected fails.
+#pragma once
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+namespace vexo::test {
+
+constexpr int kError = 3;
+constexpr int kWarning = 4;
+constexpr int kInfo = 6;
+constexpr int kDebug = 7;
+constexpr int kAnyErrno = -1;
+
+// True when a line of this level, text and errno was logged in this test and not yet asked for; it
+// then counts as expected. Lines are asked for in any order.
+testing::AssertionResult logged(int level, const std::string& text, int error = kAnyErrno);
+
+// Takes back all that was recorded in this test.
+void forgetLog();
+
+// Called by the tests' main.
+void installLogRecorder();
+
+}  // namespace vexo::test
