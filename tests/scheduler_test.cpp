@@ -277,7 +277,7 @@ TEST_F(SchedulerTest, FindsItsTasksAfterManyWereRemoved) {
 TEST_F(SchedulerTest, TimersFireWhenTheyAreDue) {
   struct {
     const char* name;
-    unsigned first, interval;
+    int first, interval;
     int calls;  // waited for
     bool again;
   } const rows[] = {
@@ -291,7 +291,8 @@ TEST_F(SchedulerTest, TimersFireWhenTheyAreDue) {
     int calls = 0;
     const long long start = nowMs();
     const Id id = scheduler.AddTimerTask(
-        row.first, row.interval, [&](void*) { return ++calls < 0; }, nullptr);
+        static_cast<unsigned>(row.first), static_cast<unsigned>(row.interval),
+        [&](void*) { return ++calls < 0; }, nullptr);
     while (calls < row.calls) ASSERT_TRUE(scheduler.Service(-1));
     EXPECT_GE(nowMs() - start, row.first + (calls - 1) * row.interval);
     EXPECT_EQ(scheduler.Service(row.again ? -1 : 50), true);

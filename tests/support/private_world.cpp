@@ -86,18 +86,18 @@ void makeTmp(const std::vector<std::string>& keep) {
 
 // The machine's /dev is one for all namespaces: a new one, with the few devices that programs need.
 void makeDev() {
-  const std::string dev = std::string(kScratch) + "/dev";
+  const fs::path dev = fs::path(kScratch) / "dev";
   fs::create_directory(dev);
   mountTmpfs(dev, "size=64m,mode=755");
-  for (const std::string name : {"null", "zero", "full", "random", "urandom", "tty"}) {
-    write(dev + "/" + name, "");
-    bindMount("/dev/" + name, dev + "/" + name);
+  for (const char* name : {"null", "zero", "full", "random", "urandom", "tty"}) {
+    write(dev / name, "");
+    bindMount(fs::path("/dev") / name, dev / name);
   }
-  for (const std::string name : {"shm", "pts", "input"}) {
-    fs::create_directory(dev + "/" + name);
-    fs::permissions(dev + "/" + name, fs::perms::all | fs::perms::sticky_bit);
+  for (const char* name : {"shm", "pts", "input"}) {
+    fs::create_directory(dev / name);
+    fs::permissions(dev / name, fs::perms::all | fs::perms::sticky_bit);
   }
-  fs::create_symlink("/proc/self/fd", dev + "/fd");
+  fs::create_symlink("/proc/self/fd", dev / "fd");
   must(mount(dev.c_str(), "/dev", nullptr, MS_MOVE, nullptr) == 0, "/dev");
 }
 

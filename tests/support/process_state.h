@@ -16,7 +16,7 @@ class DescriptorLimit {
     const int next = open("/dev/null", O_RDONLY | O_CLOEXEC);
     close(next);
     rlimit limit = before;
-    limit.rlim_cur = static_cast<rlim_t>(next + more);
+    limit.rlim_cur = static_cast<rlim_t>(next) + static_cast<rlim_t>(more);
     setrlimit(RLIMIT_NOFILE, &limit);
   }
   ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &before); }
