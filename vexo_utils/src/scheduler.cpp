@@ -89,15 +89,18 @@ class Scheduler::TimeoutTask : public IoTask {
 
 // Where `id` is, or would be: the first entry that is not below it.
 std::size_t Scheduler::TaskMap::indexOf(unsigned long long id) const {
-  if (entries.empty() || id <= entries.front().id) return 0;
-  // Ids are whole and ascend, so none is further right than its distance from the first.
+  if (entries.empty()) return 0;
+  // Ids are whole and ascend, so none is further right than its distance from the first, and with
+  // no gaps it is there. (Below the first, the distance wraps.)
   const unsigned long long distance = id - entries.front().id;
-  const std::size_t bound =
-      distance < entries.size() ? static_cast<std::size_t>(distance) : entries.size() - 1;
-  if (entries[bound].id == id) return bound;
-  const auto found = std::lower_bound(
-      entries.begin(), entries.begin() + static_cast<std::ptrdiff_t>(bound) + 1, id,
-      [](const Entry& entry, unsigned long long key) { return entry.id < key; });
+  if (distance < entries.size() && entries[static_cast<std::size_t>(distance)].id == id) {
+    return static_cast<std::size_t>(distance);
+  }
+  if (id < entries.front().id) return 0;
+  const auto bound =
+      static_cast<std::ptrdiff_t>(std::min<unsigned long long>(distance, entries.size()));
+  const auto isBefore = [](const Entry& entry, unsigned long long key) { return entry.id < key; };
+  const auto found = std::lower_bound(entries.begin(), entries.begin() + bound, id, isBefore);
   return static_cast<std::size_t>(found - entries.begin());
 }
 
@@ -150,7 +153,7 @@ bool Scheduler::Init() {
 
   int readEnd = -1;
   {
-    const std::lock_guard lock(mutex);
+    const std::scoped_lock lock(mutex, wakeupMutex);
     epollFd = epoll.release();
     nextId = 1;  // adding to a stopped scheduler failed, but used ids up
     if (pipe2(wakeupPipe, O_NONBLOCK | O_CLOEXEC) != 0) {
@@ -187,6 +190,7 @@ bool Scheduler::Stop() {
       }
     }
     // Both ends at once: a write to the one while the other is closed would raise SIGPIPE.
+    const std::lock_guard pipeLock(wakeupMutex);
     for (int& end : wakeupPipe) UniqueFd(std::exchange(end, -1)).reset();
   }
   return true;
@@ -219,7 +223,7 @@ bool Scheduler::Service(int timeoutMs) {
 }
 
 bool Scheduler::WakeUp() {
-  const std::lock_guard lock(mutex);
+  const std::lock_guard lock(wakeupMutex);
   const char byte = 0;
   return write(wakeupPipe[1], &byte, 1) != 0;
 }

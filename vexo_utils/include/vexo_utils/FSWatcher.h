@@ -9,10 +9,9 @@
 // Masks:     inotify(7)'s, handed to the kernel as they are. A callback sees those bits of an event
 //            that its own mask names: name IN_ISDIR, IN_IGNORED or IN_UNMOUNT to see them.
 // Failure:   false, logged at error level, with errno where a call failed.
-// Limits:    when more changes pile up than fs.inotify.max_queued_events, the kernel drops the
-// rest;
-//            nobody is told. A file that is replaced by rename(2) is a new file, which a watch on
-//            the old one does not follow: watch its folder for IN_MOVED_TO instead.
+// Limits:    when more changes pile up than fs.inotify.max_queued_events, the kernel drops the rest
+//            and nobody is told. A file that rename(2) replaces is a new one, which a watch on the
+//            old one does not follow: watch its folder for IN_MOVED_TO instead.
 #pragma once
 
 #include <functional>

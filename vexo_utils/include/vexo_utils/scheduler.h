@@ -145,8 +145,11 @@ class VEXO_UTILS_API Scheduler {
   unsigned long long nextId = 1;   // guarded by mutex
   std::atomic<int> epollFd{-1};    // changed under mutex, read without
   TaskMap tasks;                   // guarded by mutex
-  int wakeupPipe[2] = {-1, -1};    // read end, write end; guarded by mutex
+  int wakeupPipe[2] = {-1, -1};    // read end, write end; guarded by wakeupMutex
   std::atomic<unsigned> stops{0};  // tells the ids of one instance from those of the next
+  // After `mutex` where both are held. With one mutex for all, who is woken would wait at once for
+  // who wakes: on one processor that took twice the time.
+  std::mutex wakeupMutex;
 };
 
 }  // namespace vexo::utils
