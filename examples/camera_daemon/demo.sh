@@ -4,7 +4,7 @@
 set -eu
 daemon=$1 folder=$2 mode=${3:-}
 conf=/etc/camera
-mkdir -p "$conf"
+mkdir -p "$folder" "$conf"
 mount --bind "$folder" "$conf"
 
 # Waits until the daemon's status has the line $1; ends it when that does not come within 20 s.
