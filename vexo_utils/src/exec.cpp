@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <cstdarg>
 #include <cstdlib>
 #include <utility>
 
@@ -13,6 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "internal/exec_state.h"
 #include "internal/log.h"
 #include "internal/retry.h"
 #include "internal/spawn.h"
@@ -22,18 +22,17 @@
 
 namespace vexo::utils {
 
+using internal::kEnded;
+using internal::kErrOverflow;
+using internal::kExited;
+using internal::kFailed;
+using internal::kOutOverflow;
+using internal::kRunning;
+using internal::kStarting;
 using internal::retryOnEintr;
 using internal::UniqueFd;
 
 namespace {
-
-constexpr int kRunning = 1;
-constexpr int kEnded = 2;
-constexpr int kOutOverflow = 4;
-constexpr int kErrOverflow = 8;
-constexpr int kFailed = 16;
-constexpr int kExited = 32;
-constexpr int kStarting = 64;
 
 constexpr std::size_t kChunk = 16384;
 constexpr unsigned kStepMs = 10;      // between looks where the kernel cannot tell of a child's end
@@ -335,6 +334,20 @@ bool SysExec::readOutput(Output stream, bool* more) {
   return true;
 }
 
+// For a helper's run: reads on while whole chunks come.
+bool SysExec::readMuch() {
+  constexpr int kChunks = 64;
+  bool more = true;
+  for (int i = 0; more && i < kChunks; ++i) {
+    if (!readOutput(standardOutput(), &more)) return false;
+  }
+  more = true;
+  for (int i = 0; more && i < kChunks; ++i) {
+    if (!readOutput(standardError(), &more)) return false;
+  }
+  return true;
+}
+
 bool SysExec::store(const Output& stream, std::size_t size) {
   const char* data = stream.buffer.data();
   if (stream.target != nullptr) {
@@ -491,180 +504,6 @@ void SysExec::reset() {
   outAccepted = errAccepted = 0;
   pid = -1;
   state = code = status = 0;
-}
-
-// ---- helpers ----
-
-namespace {
-
-// `count` arguments of type const char*, up to the first null.
-std::vector<std::string> listOf(int count, va_list arguments) {
-  std::vector<std::string> list;
-  for (int i = 0; i < count; ++i) {
-    const char* argument = va_arg(arguments, const char*);
-    if (argument == nullptr) break;
-    list.emplace_back(argument);
-  }
-  return list;
-}
-
-std::vector<std::string> listOf(std::initializer_list<const char*> arguments) {
-  const auto end = std::find(arguments.begin(), arguments.end(), nullptr);
-  return {arguments.begin(), end};
-}
-
-std::string textOf(const char* text) {
-  return text != nullptr ? text : "";
-}
-
-bool startOrLog(SysExec& runner) {
-  if (runner.start()) return true;
-  VEXO_LOG_ERROR("Failed to start SysExec with code=%d, cmd='%s'", runner.getCode(),
-                 runner.getCmd().c_str());
-  return false;
-}
-
-}  // namespace
-
-// What a run takes of one of the program's streams.
-struct SysExec::Capture {
-  std::string* wanted;
-  unsigned int threshold;
-  std::string text = {};
-
-  void hand() {
-    if (wanted != nullptr) *wanted = std::move(text);
-  }
-};
-
-// Reads on while whole chunks come.
-bool SysExec::readMuch() {
-  constexpr int kChunks = 64;
-  bool more = true;
-  for (int i = 0; more && i < kChunks; ++i) {
-    if (!readOutput(standardOutput(), &more)) return false;
-  }
-  more = true;
-  for (int i = 0; more && i < kChunks; ++i) {
-    if (!readOutput(standardError(), &more)) return false;
-  }
-  return true;
-}
-
-int SysExec::universalExec(const std::string* input, Capture out, Capture err,
-                           unsigned int timeoutMs) {
-  if (input != nullptr) setIn(*input);
-  if (out.wanted != nullptr) setOut(nullptr);
-  if (err.wanted != nullptr) setErr(nullptr);
-  if (out.threshold != 0) setOutThreshold(out.threshold);
-  if (err.threshold != 0) setErrThreshold(err.threshold);
-  setOutOverflowStop(false).setErrOverflowStop(false);
-  outText = &out.text;
-  errText = &err.text;
-
-  const long long deadline = nowMs() + timeoutMs;
-  if (!startOrLog(*this)) return -1;
-  const std::string command = cmd;  // stop clears it
-  // As service and waitReady in turns, with as few calls as can be: for each chunk of output, these
-  // would take half again the time of reading it.
-  bool mayHaveEnded = true;
-  while ((state & kEnded) == 0) {
-    if (timeoutMs != 0 && nowMs() > deadline) {
-      stop();
-      out.hand();
-      err.hand();
-      VEXO_LOG_WARNING("Timeout executing, cmd='%s'", command.c_str());
-      return -1;
-    }
-    if (!writeInput() || !readMuch() || (mayHaveEnded && !lookForEnd())) {
-      VEXO_LOG_ERROR("Failed to service SysExec code=%d, cmd='%s'", code, command.c_str());
-      stop();
-      return -1;
-    }
-    if ((state & kEnded) == 0) mayHaveEnded = waitForActivity(kStepMs);
-  }
-  const int result = (state & kExited) != 0 ? status : code;
-  stop();
-  out.hand();
-  err.hand();
-  return result;
-}
-
-int sysExec(const std::string* in, std::string* out, std::string* err, unsigned int timeoutMs,
-            unsigned int outThreshold, unsigned int errThreshold, const std::string& exe,
-            const std::vector<std::string>& args) {
-  SysExec runner;
-  runner.setExe(exe).setArgs(args);
-  return runner.universalExec(in, {out, outThreshold}, {err, errThreshold}, timeoutMs);
-}
-
-int sysExec(const std::string* in, std::string* out, std::string* err, unsigned int timeoutMs,
-            unsigned int outThreshold, unsigned int errThreshold, const std::string& exe, int count,
-            ...) {
-  va_list arguments;
-  va_start(arguments, count);
-  const std::vector<std::string> args = listOf(count, arguments);
-  va_end(arguments);
-  return sysExec(in, out, err, timeoutMs, outThreshold, errThreshold, exe, args);
-}
-
-int shellExec(const std::string& cmd, const std::string* in, std::string* out, std::string* err,
-              unsigned int timeoutMs, unsigned int outThreshold, unsigned int errThreshold) {
-  return sysExec(in, out, err, timeoutMs, outThreshold, errThreshold, "/bin/sh",
-                 std::vector<std::string>{"-c", cmd});
-}
-
-int sysExecSimple(const char* exe, const std::vector<std::string>& args) {
-  return sysExec(nullptr, nullptr, nullptr, 0, 0, 0, textOf(exe), args);
-}
-
-int sysExecSimple(const char* exe) {
-  return sysExecSimple(exe, listOf({}));
-}
-
-int sysExecSimple(const char* exe, const char* arg1) {
-  return sysExecSimple(exe, listOf({arg1}));
-}
-
-int sysExecSimple(const char* exe, const char* arg1, const char* arg2) {
-  return sysExecSimple(exe, listOf({arg1, arg2}));
-}
-
-int sysExecSimple(const char* exe, const char* arg1, const char* arg2, const char* arg3) {
-  return sysExecSimple(exe, listOf({arg1, arg2, arg3}));
-}
-
-int sysExecSimple(const char* exe, const char* arg1, const char* arg2, const char* arg3,
-                  const char* arg4) {
-  return sysExecSimple(exe, listOf({arg1, arg2, arg3, arg4}));
-}
-
-bool runDaemon(const std::string* /*reserved*/, const sigset_t* mask, int* pid,
-               const std::string& exe, const std::vector<std::string>& args) {
-  SysExec runner;
-  runner.setMaskSignals(mask).setExe(exe).setArgs(args).setDaemon(true);
-  if (!startOrLog(runner)) return false;
-  if (pid != nullptr) *pid = runner.getPid();
-  return true;
-}
-
-bool runDaemon(const std::string* reserved, const sigset_t* mask, int* pid, const std::string& exe,
-               int count, ...) {
-  va_list arguments;
-  va_start(arguments, count);
-  const std::vector<std::string> args = listOf(count, arguments);
-  va_end(arguments);
-  return runDaemon(reserved, mask, pid, exe, args);
-}
-
-bool sysExecAsyncSimple(const char* exe, const std::vector<std::string>& args) {
-  return sysExecAsyncSimplePid(exe, nullptr, args);
-}
-
-bool sysExecAsyncSimplePid(const char* exe, int* pid, const std::vector<std::string>& args) {
-  sigset_t none;
-  if (sigemptyset(&none) != 0) return false;
-  return runDaemon(nullptr, &none, pid, textOf(exe), args);
 }
 
 }  // namespace vexo::utils
