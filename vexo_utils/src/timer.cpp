@@ -4,15 +4,12 @@
 #include <cstdlib>
 #include <optional>
 
-#include <fcntl.h>
 #include <unistd.h>
 
+#include "internal/files.h"
 #include "internal/log.h"
-#include "internal/retry.h"
-#include "internal/unique_fd.h"
 
-using vexo::utils::internal::retryOnEintr;
-using vexo::utils::internal::UniqueFd;
+using vexo::utils::internal::readFile;
 
 namespace {
 
@@ -21,23 +18,6 @@ constexpr char kTimesyncFile[] = "/etc/last_timesync_monotonic_ts";
 // tv_sec has 32 bits on the target: every product below is made in 64.
 long long scaled(const timespec& time, long long perSecond) {
   return time.tv_sec * perSecond + time.tv_nsec / (1'000'000'000 / perSecond);
-}
-
-bool fileExists(const char* path) {
-  return access(path, F_OK) == 0;
-}
-
-std::optional<std::string> readWhole(const char* path) {
-  const UniqueFd fd(retryOnEintr([&] { return open(path, O_RDONLY | O_CLOEXEC); }));
-  if (!fd.valid()) return std::nullopt;
-  std::string text;
-  char block[256];
-  for (;;) {
-    const ssize_t got = retryOnEintr([&] { return read(fd.get(), block, sizeof block); });
-    if (got < 0) return std::nullopt;
-    if (got == 0) return text;
-    text.append(block, static_cast<std::size_t>(got));
-  }
 }
 
 }  // namespace
@@ -113,8 +93,8 @@ int getOffsetUTC(unsigned long long wallMs) {
 }
 
 bool isTimeSyncedLately(unsigned long long maxAgeSec) {
-  if (!fileExists(kTimesyncFile)) return false;
-  const std::optional<std::string> text = readWhole(kTimesyncFile);
+  if (access(kTimesyncFile, F_OK) != 0) return false;
+  const std::optional<std::string> text = readFile(kTimesyncFile);
   if (!text) {
     VEXO_LOG_ERROR("Failed to open timesync timestamp");
     return false;

@@ -3,18 +3,15 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <climits>
 #include <cstring>
-#include <memory>
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <regex.h>
 #include <unistd.h>
 
+#include "internal/files.h"
 #include "internal/log.h"
 #include "internal/retry.h"
-#include "internal/unique_fd.h"
 #include "vexo_utils/string_utils.h"
 
 namespace vexo::utils::internal {
@@ -44,25 +41,12 @@ class NamePattern {
   bool compiled;
 };
 
-struct CloseFolder {
-  void operator()(DIR* folder) const {
-    const int savedErrno = errno;
-    closedir(folder);
-    errno = savedErrno;
-  }
-};
-
 // The process that an entry of /proc stands for, 0 when it is none.
 int pidOf(const char* entry) {
   int pid = 0;
   const char* end = entry + std::strlen(entry);
   const auto [parsed, error] = std::from_chars(entry, end, pid);
   return error == std::errc() && parsed == end ? std::max(pid, 0) : 0;
-}
-
-bool readFile(const std::string& path, std::string& out) {
-  const UniqueFd fd(retryOnEintr([&] { return open(path.c_str(), O_RDONLY | O_CLOEXEC); }));
-  return fd.valid() && readInSteps(fd.get(), out, UINT_MAX) == 0;
 }
 
 // Errors that concern the one process only: it has ended, or is not for us to see.
@@ -79,27 +63,24 @@ std::optional<std::vector<Process>> findProcesses(const std::string& name) {
     VEXO_LOG_ERROR_ERRNO("Failed to compile regex");
     return std::nullopt;
   }
-  const std::unique_ptr<DIR, CloseFolder> folder(opendir("/proc/"));
+  const Folder folder(opendir("/proc/"));
   if (folder == nullptr) {
     VEXO_LOG_ERROR_ERRNO("Unable to open `/proc/`");
     return std::nullopt;
   }
   std::vector<Process> found;
-  for (;;) {
-    errno = 0;
-    const dirent* entry = readdir(folder.get());
-    if (entry == nullptr) break;
+  while (const dirent* entry = nextEntry(folder.get())) {
     const int pid = pidOf(entry->d_name);
     if (pid == 0) continue;
     const std::string path = std::string("/proc/") + entry->d_name + "/cmdline";
-    std::string commandLine;
-    if (!readFile(path, commandLine)) {
+    std::optional<std::string> commandLine = readFile(path.c_str());
+    if (!commandLine) {
       if (isGoneOrHidden(errno)) continue;
       VEXO_LOG_ERROR_ERRNO("Unable to read `%s`", path.c_str());
       return std::nullopt;
     }
     // The program is what comes before the first NUL.
-    if (pattern.matches(commandLine.c_str())) found.push_back({pid, std::move(commandLine)});
+    if (pattern.matches(commandLine->c_str())) found.push_back({pid, *std::move(commandLine)});
   }
   if (errno != 0) {
     VEXO_LOG_ERROR_ERRNO("Unable to read `/proc/`");
