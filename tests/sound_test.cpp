@@ -93,7 +93,10 @@ TEST(Sound, FindsTheSamplesBehindOtherChunks) {
   struct {
     std::string chunks;
     bool found;
+    uint32_t formatSize = 16;
   } const rows[] = {
+      {std::string(2, '\0') + "data", true, 18},
+      {std::string(24, '\0') + "data", true, 40},
       {"LIST" + littleEndian(4, 4) + "INFOdata", true},
       {"dada" + longChunk + "data", true},
       {longChunk + "data", true},
@@ -105,7 +108,9 @@ TEST(Sound, FindsTheSamplesBehindOtherChunks) {
       {"", false},
   };
   for (const auto& row : rows) {
-    writeFile(kPath, wavWith(row.chunks).bytes());
+    Wav wav = wavWith(row.chunks);
+    wav.formatSize = row.formatSize;
+    writeFile(kPath, wav.bytes());
     uint16_t channels = 0;
     uint32_t sampleRate = 0;
     uint32_t dataSize = 0;

@@ -2,15 +2,11 @@
 
 #include <cerrno>
 #include <climits>
-#include <cstdint>
 #include <string>
-#include <utility>
 
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sched.h>
-#include <signal.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "in_child.h"
@@ -18,81 +14,53 @@
 
 namespace {
 
-using vexo::test::kError;
-using vexo::test::kInfo;
-using vexo::test::logged;
+using namespace vexo::test;
 
-using Scheduling = std::pair<int, int>;  // policy and priority
-
-class ThreadPriority : public testing::Test {
- protected:
-  void TearDown() override { set(SCHED_OTHER, 0); }
-
-  static bool set(int policy, int priority) {
-    sched_param param{};
-    param.sched_priority = priority;
-    return sched_setscheduler(0, policy, &param) == 0;
-  }
-  static Scheduling current() {
-    sched_param param{};
-    sched_getparam(0, &param);
-    return {sched_getscheduler(0), param.sched_priority};
-  }
-
-  // The last call gave `done`: what it must have left.
-  void expectSet(bool done, const Scheduling& expected, bool process) {
-    EXPECT_TRUE(done);
-    EXPECT_EQ(current(), expected);
-    const std::string who =
-        process ? "Pid " + std::to_string(getpid()) : "Tid " + std::to_string(pthread_self());
-    EXPECT_TRUE(logged(kInfo, who + " has priority " + std::to_string(expected.second), 0));
-  }
-  void expectRefused(bool done, int priority, int error) {
-    EXPECT_FALSE(done);
-    EXPECT_EQ(current(), Scheduling(SCHED_OTHER, 0));
-    EXPECT_TRUE(logged(kError, "Unable to set priority to " + std::to_string(priority), error));
-  }
-};
-
-TEST_F(ThreadPriority, OrdinaryPoliciesNeedNoRights) {
-  expectSet(SetRealTimePriority(0, -1, SCHED_BATCH), {SCHED_BATCH, 0}, true);
-  expectSet(SetThreadRealTimePriority(pthread_self(), -5, SCHED_OTHER), {SCHED_OTHER, 0}, false);
-}
-
-TEST_F(ThreadPriority, RealTime) {
-  if (!set(SCHED_RR, 1)) GTEST_SKIP() << "this machine allows no real-time priority";
-  const pthread_t self = pthread_self();
-  expectSet(SetRealTimePriority(0, -1), {SCHED_RR, 99}, true);
-  expectSet(SetRealTimePriority(getpid(), 7), {SCHED_RR, 7}, true);
-  expectSet(SetRealTimePriority(0, 1, SCHED_FIFO), {SCHED_FIFO, 1}, true);
-  expectSet(SetThreadRealTimePriority(self, INT_MIN), {SCHED_RR, 99}, false);
-  expectSet(SetThreadRealTimePriority(self, 7, SCHED_FIFO), {SCHED_FIFO, 7}, false);
-}
-
-TEST_F(ThreadPriority, RefusedChangesNothing) {
-  const pthread_t self = pthread_self();
-  expectRefused(SetRealTimePriority(0, 1000), 1000, EINVAL);
-  expectRefused(SetRealTimePriority(0, 1, SCHED_OTHER), 1, EINVAL);
-  expectRefused(SetRealTimePriority(0, -1, 12345), -1, EINVAL);
-  expectRefused(SetRealTimePriority(INT_MAX, 0, SCHED_OTHER), 0, ESRCH);
-  expectRefused(SetThreadRealTimePriority(self, 1000), 1000, EINVAL);
-  expectRefused(SetThreadRealTimePriority(self, 0, SCHED_FIFO), 0, EINVAL);
-}
-
-TEST_F(ThreadPriority, ThreadZeroIsTheKernelsIdAsAHandle) {
-  const auto onSegv = [](int, siginfo_t* info, void*) {
-    const auto id = static_cast<std::uintptr_t>(syscall(SYS_gettid));
-    const auto address = reinterpret_cast<std::uintptr_t>(info->si_addr);
-    _exit(address - id < 65536 ? 42 : 43);  // within what would be the thread's record
+TEST(ThreadPriority, IsSetOrStaysAsItIs) {
+  sched_param param{1};
+  const bool realTimeAllowed = sched_setscheduler(0, SCHED_RR, &param) == 0;
+  const struct {
+    int wanted, policy, error, given;
+  } rows[] = {
+      {-1, SCHED_BATCH, 0, 0},     {1000, SCHED_RR, EINVAL, 1000}, {0, SCHED_FIFO, EINVAL, 0},
+      {1, SCHED_OTHER, EINVAL, 1}, {-1, 12345, EINVAL, -1},        {-1, SCHED_RR, 0, 99},
+      {7, SCHED_RR, 0, 7},         {INT_MIN, SCHED_FIFO, 0, 99},   {1, SCHED_FIFO, 0, 1},
   };
-  const auto passZero = [&] {
-    struct sigaction action {};
-    action.sa_sigaction = onSegv;
-    action.sa_flags = SA_SIGINFO;
-    sigaction(SIGSEGV, &action, nullptr);
+  for (const auto& row : rows) {
+    if (row.error == 0 && row.given > 0 && !realTimeAllowed) GTEST_SKIP() << "no real-time here";
+    const auto check = [&](bool done, const std::string& who) {
+      SCOPED_TRACE(who + ", priority " + std::to_string(row.wanted));
+      const std::string number = std::to_string(row.given);
+      EXPECT_EQ(done, row.error == 0);
+      EXPECT_TRUE(done ? logged(kInfo, who + " has priority " + number, 0)
+                       : logged(kError, "Unable to set priority to " + number, row.error));
+      sched_getparam(0, &param);
+      EXPECT_EQ(param.sched_priority, done ? row.given : 0);
+      EXPECT_EQ(sched_getscheduler(0), done ? row.policy : SCHED_OTHER);
+      param.sched_priority = 0;
+      sched_setscheduler(0, SCHED_OTHER, &param);
+      errno = 0;
+    };
+    param.sched_priority = 0;
+    sched_setscheduler(0, SCHED_OTHER, &param);
+    const std::string pid = "Pid " + std::to_string(getpid());
+    const std::string tid = "Tid " + std::to_string(pthread_self());
+    check(SetRealTimePriority(0, row.wanted, row.policy), pid);
+    check(SetThreadRealTimePriority(pthread_self(), row.wanted, row.policy), tid);
+    if (row.policy != SCHED_RR) continue;
+    check(SetRealTimePriority(getpid(), row.wanted), pid);
+    check(SetThreadRealTimePriority(pthread_self(), row.wanted), tid);
+  }
+}
+
+TEST(ThreadPriority, NeedsAThreadAndAProcess) {
+  EXPECT_FALSE(SetRealTimePriority(INT_MAX, 0, SCHED_OTHER));
+  EXPECT_TRUE(logged(kError, "Unable to set priority to 0", ESRCH));
+  const auto passZero = [] {
+    signal(SIGSEGV, [](int) { _exit(42); });
     return SetThreadRealTimePriority(0, 0, SCHED_OTHER) ? 1 : 0;
   };
-  EXPECT_EQ(vexo::test::inChild(passZero), 42);
+  EXPECT_EQ(inChild(passZero), 42);  // the kernel's id is no handle
 }
 
 }  // namespace
