@@ -4,8 +4,9 @@
 //   files_bench                     all rows, the repetitions of all contestants shuffled
 //   files_bench --benchmark_...     as any Google Benchmark program
 //
-// The files are in memory (memfd_create(2)). stdio is no peer: its buffer saves most system calls,
-// and so shows to others late what was written. Times are the thread's processor time.
+// The files are in memory (memfd_create(2)), and all open them by path: the kernel reads a memfd's
+// own descriptor faster. stdio is no peer: its buffer saves most system calls, and so shows to
+// others late what was written. Times are the thread's processor time.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -60,7 +61,10 @@ class MemoryFile {
   MemoryFile(const MemoryFile&) = delete;
   MemoryFile& operator=(const MemoryFile&) = delete;
 
+ private:
   const int fd;
+
+ public:
   const std::string path;
 };
 
@@ -104,11 +108,12 @@ void addTyped() {
   });
   add("typed/read", kCalls, [](State& state) {
     const MemoryFile memory(std::string(kFileSize, 'x'));
-    lseek(memory.fd, 0, SEEK_SET);
+    const int fd = open(memory.path.c_str(), O_RDONLY);
     uint32_t value = 0;
     transferAll(
-        state, [&] { return read(memory.fd, &value, 4) == 4; },
-        [&] { return lseek(memory.fd, 0, SEEK_SET) == 0; });
+        state, [&] { return read(fd, &value, 4) == 4; },
+        [&] { return lseek(fd, 0, SEEK_SET) == 0; });
+    close(fd);
   });
   add("typed/read", kStdio, [](State& state) {
     const MemoryFile memory(std::string(kFileSize, 'x'));
@@ -128,10 +133,12 @@ void addTyped() {
   });
   add("typed/write", kCalls, [](State& state) {
     const MemoryFile memory("");
+    const int fd = open(memory.path.c_str(), O_RDWR);
     const uint32_t value = 1;
     transferAll(
-        state, [&] { return write(memory.fd, &value, 4) == 4; },
-        [&] { return lseek(memory.fd, 0, SEEK_SET) == 0; });
+        state, [&] { return write(fd, &value, 4) == 4; },
+        [&] { return lseek(fd, 0, SEEK_SET) == 0; });
+    close(fd);
   });
   add("typed/write", kStdio, [](State& state) {
     const MemoryFile memory("");
