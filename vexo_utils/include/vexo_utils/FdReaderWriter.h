@@ -6,9 +6,8 @@
 //
 // Threads:   one at a time for an object.
 // Ownership: the descriptor stays the caller's and is never closed. A copy uses the same one.
-// Waiting:   EINTR and EAGAIN are tried again at once. On a non-blocking descriptor that has
-// nothing
-//            to give or take, that keeps the processor busy until it has.
+// Waiting:   EINTR and EAGAIN are tried again at once. On a non-blocking descriptor with nothing
+//            to give or take, this keeps the processor busy until there is something.
 // Failure:   false, logged. The object stays usable. "Invalid descriptor": it is -1, the one value
 //            that means none.
 #pragma once

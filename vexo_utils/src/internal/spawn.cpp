@@ -22,7 +22,7 @@ namespace {
 // there of what the child does, in the name of a parent that never returns from it.
 #define IN_CHILD __attribute__((no_sanitize("address", "thread", "undefined")))
 
-constexpr std::size_t kStackSize = 64 * 1024;
+constexpr std::size_t kStackSize = 65536;
 constexpr int kLastSwept = 255;
 constexpr std::size_t kSignalSetSize = 8;  // the kernel's, not sigset_t's
 constexpr int kSignals = 64;
@@ -41,7 +41,7 @@ IN_CHILD inline long call(long number, Arguments... arguments) {
   return syscall(number, arguments...);
 }
 
-IN_CHILD [[noreturn]] void leave(int status) {
+[[noreturn]] IN_CHILD void leave(int status) {
   for (;;) call(SYS_exit_group, status);
 }
 
@@ -66,7 +66,7 @@ IN_CHILD void closeAbove2() {
   for (int fd = 3; fd <= kLastSwept; ++fd) call(SYS_close, fd);
 }
 
-IN_CHILD [[noreturn]] void becomeProgram(const Child& child) {
+[[noreturn]] IN_CHILD void becomeProgram(const Child& child) {
   const SpawnPlan& plan = child.plan;
   long null = call(SYS_openat, AT_FDCWD, "/dev/null", O_RDWR);
   if (null < 0) leave(kNullFailed);
@@ -120,7 +120,7 @@ class Stacks {
   Stacks()
       : memory(mmap(nullptr, 2 * kSize, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1,
                     0)) {
-    for (int i = 0; valid() && i < 2; ++i) {
+    for (std::size_t i = 0; valid() && i < 2; ++i) {
       if (mprotect(top(i) - kStackSize, kStackSize, PROT_READ | PROT_WRITE) != 0) release();
     }
   }
@@ -129,7 +129,7 @@ class Stacks {
   Stacks& operator=(const Stacks&) = delete;
 
   bool valid() const { return memory != MAP_FAILED; }
-  char* top(int index) const { return static_cast<char*>(memory) + (index + 1) * kSize; }
+  char* top(std::size_t index) const { return static_cast<char*>(memory) + (index + 1) * kSize; }
 
  private:
   static constexpr std::size_t kSize = 2 * kStackSize;
