@@ -1,6 +1,6 @@
 // A small camera daemon, and the tutorial of the library: one event loop that serves timers,
 // signals, a configuration folder and another thread. The other scenes are in files of their own:
-// processes.cpp.
+// processes.cpp, recordings.cpp.
 //
 //   camera_daemon [--check]     --check: exit status 1 unless everything expected was served
 //
@@ -23,6 +23,7 @@
 #include "console.h"
 #include "ledger.h"
 #include "processes.h"
+#include "recordings.h"
 
 using console::say;
 using vexo::utils::FSWatcher;
@@ -39,7 +40,7 @@ constexpr int kMotions = 3;
 class CameraDaemon {
  public:
   explicit CameraDaemon(Ledger& book)
-      : ledger(book), watcher(&scheduler), processes(scheduler, book) {
+      : ledger(book), watcher(&scheduler), processes(scheduler, book), recordings(scheduler, book) {
     ledger.expect("periodic timer", 3, 0);
     ledger.expect("one-shot timer, armed anew by itself", kShots, kShots);
     ledger.expect("wake-ups by the second thread", kMotions, 0);
@@ -49,7 +50,7 @@ class CameraDaemon {
 
   bool run() {
     if (!scheduler.Init() || !serveSignals() || !serveTimers() || !serveConfiguration() ||
-        !processes.start()) {
+        !processes.start() || !recordings.start()) {
       return false;
     }
     writeFile("/run/camera_daemon.pid", std::to_string(getpid()));
@@ -150,7 +151,8 @@ class CameraDaemon {
   void writeStatus() {
     std::string status = "changes=" + std::to_string(ledger.counted("configuration changes"));
     if (ledger.counted("periodic timer") >= 3 && shots == kShots &&
-        ledger.counted("wake-ups by the second thread") == kMotions && processes.done()) {
+        ledger.counted("wake-ups by the second thread") == kMotions && processes.done() &&
+        recordings.done()) {
       status += "\nscenes=done";
     }
     if (status == writtenStatus) return;
@@ -162,6 +164,7 @@ class CameraDaemon {
   Scheduler scheduler;
   FSWatcher watcher;  // after the scheduler, so that it ends before it
   Processes processes;
+  Recordings recordings;
   std::atomic<bool> stopping{false};
   std::atomic<int> motions{0};  // seen and not yet shown
   int shots = 0;
