@@ -9,7 +9,6 @@
 // others late what was written. Times are the thread's processor time.
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -21,13 +20,12 @@
 #include <vexo_utils/file.h>
 #include <vexo_utils/sound.h>
 
-#include "comparison_reporter.h"
+#include "measure.h"
 
 namespace vexo::bench {
 
 namespace {
 
-using benchmark::Counter;
 using benchmark::State;
 using utils::File;
 
@@ -40,14 +38,6 @@ const std::vector<Contestant> kContestants = {{kOurs, false, nullptr},
                                               {kCalls, true, nullptr},
                                               {kStdio, false, nullptr},
                                               {kMemcpy, true, nullptr}};
-
-// Ends the program unless `done`: a contestant that fails must not look fast.
-void require(bool done, const char* what) {
-  if (done) return;
-  std::fprintf(stderr, "Failed to %s: ", what);
-  std::perror(nullptr);
-  std::abort();
-}
 
 // A file in memory, which can be opened by its path.
 class MemoryFile {
@@ -67,19 +57,6 @@ class MemoryFile {
  public:
   const std::string path;
 };
-
-// A step is what is measured: one transfer, one buffer, one file.
-template <typename Step>
-void measure(State& state, Step step) {
-  while (state.KeepRunning()) step();
-  state.counters[kPlain] =
-      Counter(static_cast<double>(state.iterations()),
-              static_cast<Counter::Flags>(Counter::kIsRate | Counter::kInvert));
-}
-
-void add(const std::string& row, const char* contestant, void (*body)(State&)) {
-  benchmark::RegisterBenchmark((row + "/" + contestant).c_str(), body);
-}
 
 // ---- 4 bytes at a time, from the beginning again at the end of the file ----
 
@@ -224,23 +201,14 @@ void addHeader() {
 
 int main(int argc, char** argv) {
   using namespace vexo::bench;
-  // Before the caller's, which so have the last word.
-  std::vector<std::string> defaults = {"--benchmark_enable_random_interleaving=true",
-                                       "--benchmark_repetitions=15", "--benchmark_min_time=0.05"};
-  std::vector<char*> arguments = {argv[0]};
-  for (std::string& argument : defaults) arguments.push_back(argument.data());
-  arguments.insert(arguments.end(), argv + 1, argv + argc + 1);  // with the null at the end
-  int count = static_cast<int>(arguments.size()) - 1;
-
-  benchmark::Initialize(&count, arguments.data());
-  if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) return 2;
   addTyped();
   addVolume();
   addHeader();
   ComparisonReporter reporter(kContestants,
                               {{"typed reading and writing", {"typed/read", "typed/write"}, 1.1},
                                {"volume", {"volume/64KiB", "volume/1MiB", "volume/16MiB"}, 4.0}});
-  const bool ran = benchmark::RunSpecifiedBenchmarks(&reporter) > 0;
-  benchmark::Shutdown();
-  return ran ? 0 : 1;
+  return run(argc, argv,
+             {"--benchmark_enable_random_interleaving=true", "--benchmark_repetitions=15",
+              "--benchmark_min_time=0.05"},
+             reporter);
 }

@@ -1,19 +1,9 @@
 #include "loop.h"
 
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-
 #include <sys/eventfd.h>
 #include <unistd.h>
 
 namespace vexo::bench {
-
-void fail(const char* what) {
-  std::fprintf(stderr, "Failed to %s (last error: %s)\n", what, std::strerror(errno));
-  std::abort();
-}
 
 const std::vector<Contestant>& contestants() {
   static const std::vector<Contestant> all = {

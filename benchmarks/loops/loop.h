@@ -9,14 +9,9 @@
 #include <memory>
 #include <vector>
 
+#include "../require.h"
+
 namespace vexo::bench {
-
-[[noreturn]] void fail(const char* what);
-
-// Ends the program unless `done`; `what` tells what could not be done.
-inline void require(bool done, const char* what) {
-  if (!done) fail(what);
-}
 
 // What an event leads to: the work that is the same for every contestant.
 class Handler {
