@@ -28,8 +28,8 @@ std::string appendSuffix(const std::string& name);
 
 class BlockingIpcHandler {
  public:
-  // `name`: the address to which replies are sent; no two handlers of the camera have the same at
-  // one time. Opens nothing yet.
+  // `name`: the handler's own address; no two handlers of the camera have the same at one time.
+  // Opens nothing yet.
   explicit BlockingIpcHandler(const std::string& name);
   BlockingIpcHandler(const BlockingIpcHandler&) = delete;
   BlockingIpcHandler& operator=(const BlockingIpcHandler&) = delete;
