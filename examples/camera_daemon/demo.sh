@@ -1,11 +1,32 @@
 #!/bin/sh
-# demo.sh DAEMON FOLDER [--check | --interactive]: the daemon and the person who edits its files.
+# demo.sh BUILD FOLDER BOARD [--check | --interactive]: the daemon, and the world around it: the
+# person who edits its files, the simulated camera, the collector of crash dumps.
 # Runs in a private world (tests/support/in_private_world). FOLDER is shown there as /etc/camera.
 set -eu
-daemon=$1 folder=$2 mode=${3:-}
+build=$1 folder=$2 board=$3 mode=${4:-}
+here=$(dirname "$0")
+daemon=$build/examples/camera_daemon
+host=$build/platform/host
 conf=/etc/camera
 mkdir -p "$folder" "$conf"
 mount --bind "$folder" "$conf"
+
+export VEXO_CAMERA_INFO="$host/boards/$board.json"
+export SYSTEMD_DEVICE_VERIFY_SYSFS=0 # libudev takes the simulated sensors' plain files for devices
+if [ ! -f "$VEXO_CAMERA_INFO" ]; then
+  echo "demo.sh: no board $board; there are:" "$host"/boards/*.json >&2
+  exit 2
+fi
+"$host/fake_camera" make
+
+# What a camera's firmware does with a dump: it keeps a copy, since the next start makes room.
+mkdir -p /var/crash
+cat >/usr/bin/crash-collect <<COLLECTOR
+#!/bin/sh
+cp -r "\$3" "/var/crash/\$2"
+"$here/../../tools/read-crash-dump" -d "$build" "/var/crash/\$2/stack" >"/var/crash/\$2/trace"
+COLLECTOR
+chmod +x /usr/bin/crash-collect
 
 # Waits until the daemon's status has the line $1; ends it when that does not come within 20 s.
 await() {
@@ -14,7 +35,7 @@ await() {
     tries=$((tries + 1))
     if [ $tries -gt 1000 ]; then
       echo "demo.sh: the daemon did not get to $1" >&2
-      kill -TERM "$(cat /run/camera_daemon.pid)"
+      kill -TERM "$(cat /run/camera_daemon.pid)" || true
       exit 1
     fi
     sleep 0.02
@@ -23,6 +44,20 @@ await() {
 
 # A person takes a moment between two edits; a test does not.
 pause() { [ "$mode" = --check ] || sleep 0.5; }
+
+# The positions that the camera is turned to, and how many attitudes have been told by then. One
+# opposite to the last has no shortest way.
+case $board in
+  3B1B) turns='desk=1 wall0=1 ceiling=2 wall0=2 desk=3' ;;
+  3B26 | 3B30 | 3C01 | 7D40) turns='wall0=1 wall3=1 wall6=2 wall3=2 wall0=3' ;;
+  *) turns='desk=1 wall0=2 ceiling=3' ;;
+esac
+turn() {
+  for each in $turns; do
+    "$host/fake_camera" turn "${each%=*}" 8 25 15
+    await attitudes="${each#*=}"
+  done
+}
 
 edit() {
   until [ -f /run/camera_daemon.pid ]; do sleep 0.02; done
@@ -39,6 +74,7 @@ edit() {
   pause
   rm "$conf/osd.conf"
   await changes=4
+  turn
   await scenes=done
   kill -TERM "$(cat /run/camera_daemon.pid)"
 }

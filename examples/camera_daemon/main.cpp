@@ -1,16 +1,20 @@
 // A small camera daemon, and the tutorial of the library: one event loop that serves timers,
 // signals, a configuration folder and another thread. The other scenes are in files of their own:
-// processes.cpp, recordings.cpp.
+// mounting.cpp, processes.cpp, recordings.cpp, worker.cpp.
 //
 //   camera_daemon [--check]     --check: exit status 1 unless everything expected was served
+//   camera_daemon --worker ...  what it starts itself (worker.cpp)
 //
 // It keeps /run/camera_daemon.pid and /run/camera_daemon.status, which demo.sh waits for.
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <signal.h>
 #include <sys/inotify.h>
@@ -22,8 +26,11 @@
 
 #include "console.h"
 #include "ledger.h"
+#include "mounting.h"
 #include "processes.h"
 #include "recordings.h"
+#include "scene.h"
+#include "worker.h"
 
 using console::say;
 using vexo::utils::FSWatcher;
@@ -39,8 +46,11 @@ constexpr int kMotions = 3;
 
 class CameraDaemon {
  public:
-  explicit CameraDaemon(Ledger& book)
-      : ledger(book), watcher(&scheduler), processes(scheduler, book), recordings(scheduler, book) {
+  explicit CameraDaemon(Ledger& book) : ledger(book), watcher(&scheduler) {
+    scenes.push_back(std::make_unique<Processes>(scheduler, book));
+    scenes.push_back(std::make_unique<Recordings>(scheduler, book));
+    scenes.push_back(std::make_unique<Mounting>(scheduler, book));
+    scenes.push_back(std::make_unique<Worker>(scheduler, book));
     ledger.expect("periodic timer", 3, 0);
     ledger.expect("one-shot timer, armed anew by itself", kShots, kShots);
     ledger.expect("wake-ups by the second thread", kMotions, 0);
@@ -49,8 +59,9 @@ class CameraDaemon {
   }
 
   bool run() {
+    const auto starts = [](const auto& scene) { return scene->start(); };
     if (!scheduler.Init() || !serveSignals() || !serveTimers() || !serveConfiguration() ||
-        !processes.start() || !recordings.start()) {
+        !std::all_of(scenes.begin(), scenes.end(), starts)) {
       return false;
     }
     writeFile("/run/camera_daemon.pid", std::to_string(getpid()));
@@ -149,10 +160,12 @@ class CameraDaemon {
 
   // For demo.sh: what of the scenario is done.
   void writeStatus() {
-    std::string status = "changes=" + std::to_string(ledger.counted("configuration changes"));
+    std::string status = "changes=" + std::to_string(ledger.counted("configuration changes")) +
+                         "\nattitudes=" + std::to_string(ledger.counted("attitude changes"));
+    const auto done = [](const auto& scene) { return scene->done(); };
     if (ledger.counted("periodic timer") >= 3 && shots == kShots &&
-        ledger.counted("wake-ups by the second thread") == kMotions && processes.done() &&
-        recordings.done()) {
+        ledger.counted("wake-ups by the second thread") == kMotions &&
+        std::all_of(scenes.begin(), scenes.end(), done)) {
       status += "\nscenes=done";
     }
     if (status == writtenStatus) return;
@@ -163,8 +176,7 @@ class CameraDaemon {
   Ledger& ledger;
   Scheduler scheduler;
   FSWatcher watcher;  // after the scheduler, so that it ends before it
-  Processes processes;
-  Recordings recordings;
+  std::vector<std::unique_ptr<Scene>> scenes;
   std::atomic<bool> stopping{false};
   std::atomic<int> motions{0};  // seen and not yet shown
   int shots = 0;
@@ -174,6 +186,7 @@ class CameraDaemon {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc > 2 && std::strcmp(argv[1], "--worker") == 0) return Worker::run(argv[2]);
   const bool check = argc > 1 && std::strcmp(argv[1], "--check") == 0;
   Ledger ledger;
   bool healthy = false;

@@ -1,11 +1,11 @@
 #include "processes.h"
 
-#include <algorithm>
+#include <vector>
 
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <vexo_utils/exec.h>
 #include <vexo_utils/process.h>
 #include <vexo_utils/timer.h>
 
@@ -25,14 +25,25 @@ constexpr char kErrands[] = "errands: capture, kill, find";
 
 }  // namespace
 
-Processes::Processes(vexo::utils::Scheduler& loop, Ledger& book) : scheduler(loop), ledger(book) {
+Processes::Processes(vexo::utils::Scheduler& loop, Ledger& book)
+    : scheduler(loop),
+      ledger(book),
+      encoder(
+          [this](const std::string& line) {
+            ledger.count(kLines);
+            say("process", "encoder: " + line);
+          },
+          [this](int status) { encoderEnded(status); }) {
   ledger.expect(kLines, 2 * (kRestarts + 1), 0);
   ledger.expect(kRestarted, kRestarts, kRestarts);
   ledger.expect(kErrands, 3, 3);
 }
 
 bool Processes::start() {
-  const auto service = [this](void*) { return serviceEncoder(); };
+  const auto service = [this](void*) {
+    encoder.service();
+    return true;
+  };
   const auto errands = [this](void*) {
     captureMuchOutput();
     killTheStubborn();
@@ -51,37 +62,17 @@ bool Processes::done() const {
 // ---- a program that is started again when it ends ----
 
 bool Processes::startEncoder() {
-  encoder.setName("encoder").setExe("/bin/sh").setOut(&encoderOutput);
-  encoder.setArgs({"-c", "echo first frame; sleep 0.15; echo last frame; exit 3"});
-  return encoder.start();
+  return encoder.start("/bin/sh", {"-c", "echo first frame; sleep 0.15; echo last frame; exit 3"});
 }
 
-bool Processes::serviceEncoder() {
-  if (encoder.getState() != 1) return true;
-  const bool good = encoder.service();
-  showLines();
-  if (good && encoder.getState() == 1) return true;
-
-  const int status = WEXITSTATUS(encoder.getStatus());
-  encoder.stop();  // takes what was written last
-  showLines();
+void Processes::encoderEnded(int status) {
   if (ledger.counted(kRestarted) == kRestarts) {
     say("process", "encoder ended with " + std::to_string(status) + " for the last time");
-    return true;
+    return;
   }
   ledger.count(kRestarted);
   say("process", "encoder ended with " + std::to_string(status) + ", starting it again");
-  return startEncoder();
-}
-
-void Processes::showLines() {
-  for (;;) {
-    const auto end = std::find(encoderOutput.begin(), encoderOutput.end(), '\n');
-    if (end == encoderOutput.end()) return;
-    ledger.count(kLines);
-    say("process", "encoder: " + std::string(encoderOutput.begin(), end));
-    encoderOutput.erase(encoderOutput.begin(), end + 1);
-  }
+  startEncoder();
 }
 
 // ---- one-line errands ----

@@ -2,31 +2,28 @@
 #pragma once
 
 #include <string>
-#include <vector>
 
-#include <vexo_utils/exec.h>
 #include <vexo_utils/scheduler.h>
 
 #include "ledger.h"
+#include "scene.h"
+#include "supervised.h"
 
-class Processes {
+class Processes : public Scene {
  public:
   Processes(vexo::utils::Scheduler& loop, Ledger& book);
 
-  // Puts the scene on the loop.
-  bool start();
-  bool done() const;
+  bool start() override;
+  bool done() const override;
 
  private:
   bool startEncoder();
-  bool serviceEncoder();
-  void showLines();
+  void encoderEnded(int status);
   void captureMuchOutput();
   void killTheStubborn();
   void findADaemon();
 
   vexo::utils::Scheduler& scheduler;
   Ledger& ledger;
-  std::vector<char> encoderOutput;
-  vexo::utils::SysExec encoder;  // after its output, which it writes to until its end
+  Supervised encoder;
 };

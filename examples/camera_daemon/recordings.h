@@ -4,14 +4,14 @@
 #include <vexo_utils/scheduler.h>
 
 #include "ledger.h"
+#include "scene.h"
 
-class Recordings {
+class Recordings : public Scene {
  public:
   Recordings(vexo::utils::Scheduler& loop, Ledger& book);
 
-  // Puts the scene on the loop.
-  bool start();
-  bool done() const;
+  bool start() override;
+  bool done() const override;
 
  private:
   void keepATone();

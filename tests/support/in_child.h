@@ -10,14 +10,22 @@
 
 namespace vexo::test {
 
-// The exit status of `body` in a forked child; 128 + N if signal N ended it.
-inline int inChild(const std::function<int()>& body) {
+inline pid_t startChild(const std::function<int()>& body) {
   const pid_t child = fork();
   if (child == 0) std::_Exit(body());
+  return child;
+}
+
+// Waits for its end. Its exit status; 128 + N if signal N ended it.
+inline int endOfChild(pid_t child) {
   int status = 0;
   while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
   }
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+inline int inChild(const std::function<int()>& body) {
+  return endOfChild(startChild(body));
 }
 
 }  // namespace vexo::test

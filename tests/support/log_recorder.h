@@ -18,6 +18,12 @@ constexpr int kAnyErrno = -1;
 // then counts as expected. Lines are asked for in any order.
 testing::AssertionResult logged(int level, const std::string& text, int error = kAnyErrno);
 
+// For a call that is to fail: true when `done`, its result, is false and it logged this error.
+inline testing::AssertionResult refused(bool done, const std::string& text, int error = kAnyErrno) {
+  if (done) return testing::AssertionFailure() << "it was done";
+  return logged(kError, text, error);
+}
+
 // Takes back all that was recorded in this test.
 void forgetLog();
 
