@@ -47,7 +47,7 @@ TEST(Variant, TakesTypeFromTheArgumentAndIsReadAsNothingElse) {
       {"S", {"", "1"s}},
       {"t", {timeval{1, 2}}},
       {"L", {Variant::List{}, Variant::List{1, "two"}}},
-      {"M", {Variant::Map{}, Variant::Map{{"sec", 1}, {"usec", 2}}}},
+      {"M", {Variant::Map{{"sec", 1}, {"usec", 2}}}},
   };
   for (const auto& [letters, values] : rows) {
     for (const Variant& value : values) {
@@ -62,7 +62,6 @@ TEST(Variant, TakesTypeFromTheArgumentAndIsReadAsNothingElse) {
   }
   EXPECT_EQ(Variant(5), Variant(5u));
   EXPECT_NE(Variant(-1), Variant(UINT64_MAX));
-  EXPECT_NE(Variant(1), Variant(1.0));
   EXPECT_NE(Variant(timeval{1, 2}), Variant(timeval{1, 3}));
 }
 
@@ -72,28 +71,26 @@ TEST(Variant, IndexingMakesMapsOnlyWhereItMayWrite) {
   EXPECT_EQ(view["a"]["b"], Variant());
   EXPECT_EQ(value, Variant());
   value["a"]["b"] = 1;
-  EXPECT_EQ(view["missing"]["b"], Variant());
   EXPECT_EQ(value.toJson(), R"({"a":{"b":1}})");
   value = value["a"];  // a part of itself
   value["b"]["c"] = true;
   EXPECT_EQ(value.toJson(), R"({"b":{"c":true}})");
 }
 
-TEST(Json, KeepsTypesAndEveryBitOfIntegers) {
+TEST(Variant, JsonKeepsTypesAndEveryBitOfIntegers) {
   const std::string open(Variant::kMaxDepth, '[');
   const std::string close(Variant::kMaxDepth, ']');
   Variant value;
   for (const std::string& text :
        {R"([true,0,18446744073709551615,-9223372036854775808,0.1,1.0,"a\"\\\u0000\né"])"s,
         R"([1,[{}],{"a":[2],"b":{"c":{},"d":null},"e":-1},3])"s, open + close}) {
-    EXPECT_TRUE(Variant::fromJson(text, value)) << text;
+    EXPECT_TRUE(Variant::fromJson(text, value));
     EXPECT_EQ(value.toJson(), text);
   }
-  EXPECT_TRUE(Variant::fromJson(R"( [0,-1,18446744073709551616,{"a":{"b":1},"a":2}])", value));
-  EXPECT_EQ(value, (Variant::List{0, -1, 18446744073709551616.0, Variant::Map{{"a", 2}}}));
+  EXPECT_TRUE(Variant::fromJson(R"([18446744073709551616,{"a":{"b":1},"a":2}])", value));
+  EXPECT_EQ(value, (Variant::List{18446744073709551616.0, Variant::Map{{"a", 2}}}));
   value = Variant::List{timeval{1, 999999}, std::nan(""), HUGE_VAL, "a\xff"};
   EXPECT_EQ(value.toJson(), "[{\"sec\":1,\"usec\":999999},null,null,\"a\xef\xbf\xbd\"]");
-
   value = "before";
   for (const std::string& text : {""s, "[1,]"s, "1 2"s, "\"\xff\""s, "1e999"s, "[1\0]"s,
                                   open + "[]" + close, std::string(1'000'000, '[')}) {
@@ -106,23 +103,21 @@ constexpr char kPath[] = "/tmp/variant";
 
 TEST(VariantFile, FailureIsLoggedOnceUnlessThereIsNoFile) {
   Variant value = "before";
-  for (const auto read : {Variant::FromJSONFile, Variant::FromKVPFile}) {
-    for (const char* file : {"/tmp/missing", "/tmp", "/dev/null/x", "/dev/zero"}) {
-      EXPECT_FALSE(read(file, value));
-    }
-    EXPECT_TRUE(logged(kError, "Failed to read \"/tmp\"", EISDIR));
-    EXPECT_TRUE(logged(kError, "Failed to open \"/dev/null/x\"", ENOTDIR));
-    EXPECT_TRUE(logged(kError, "Refused to read \"/dev/zero\"", EFBIG));
+  for (const char* file : {"/tmp/missing", "/tmp", "/dev/null/x", "/dev/zero"}) {
+    EXPECT_FALSE(Variant::FromJSONFile(file, value));
   }
-  writeFile(kPath, "{\"a\":1");
-  EXPECT_FALSE(Variant::FromJSONFile(kPath, value));
-  EXPECT_TRUE(logged(kError, "Malformed or too deeply nested JSON in \"/tmp/variant\"", 0));
+  EXPECT_TRUE(logged(kError, "Failed to read \"/tmp\"", EISDIR));
+  EXPECT_TRUE(logged(kError, "Failed to open \"/dev/null/x\"", ENOTDIR));
+  EXPECT_TRUE(logged(kError, "Refused to read \"/dev/zero\"", EFBIG));
   writeFile(kPath, "7" + std::string(1 << 20, ' '));  // one byte too many
-  EXPECT_FALSE(Variant::FromJSONFile(kPath, value));
-  EXPECT_TRUE(logged(kError, "Refused to read \"/tmp/variant\"", EFBIG));
+  EXPECT_TRUE(
+      refused(Variant::FromKVPFile(kPath, value), "Refused to read \"/tmp/variant\"", EFBIG));
   EXPECT_EQ(value, Variant("before"));
   std::filesystem::resize_file(kPath, 1 << 20);
   EXPECT_TRUE(Variant::FromJSONFile(kPath, value));
+  writeFile(kPath, "{\"a\":1");
+  EXPECT_TRUE(refused(Variant::FromJSONFile(kPath, value),
+                      "Malformed or too deeply nested JSON in \"/tmp/variant\"", 0));
 }
 
 TEST(VariantFile, KeyValueLines) {
@@ -142,54 +137,47 @@ TEST(VariantFile, KeyValueLines) {
   EXPECT_EQ(value, Variant::Map());
 }
 
-bool hasAllAndStores(CameraInfo& info) {
-  const bool found = info.getString("s") == "x" && info.getUnsigned("u") == 0x3b25 &&
-                     info.getBool("t") && info.getBool("one") && !info.getBool("zero") &&
-                     info.getMap("m").HasKey("k") && info.getStringOrEmpty("s") == "x";
-  return found && info.getStringOrEmpty("u").empty() && info.getString("u").empty() &&
-         info.getStringOrEmpty("new").empty() && info.getString("new").empty();
-}
-
 TEST(CameraInfoDeathTest, EveryAnswer) {
   using Ask = bool (*)(CameraInfo&);
+  const Ask hasAll = [](CameraInfo& info) {  // and stores the texts that are missing
+    return info.getString("s") == "x" && info.getUnsigned("u") == 0x3b25 && info.getBool("t") &&
+           info.getBool("one") && !info.getBool("zero") && info.getMap("m").HasKey("k") &&
+           info.getStringOrEmpty("s") == "x" && info.getStringOrEmpty("u").empty() &&
+           info.getString("u").empty() && info.getStringOrEmpty("new").empty();
+  };
   const Ask isNull = [](CameraInfo& info) { return info.description() == Variant(); };
   const Ask getString = [](CameraInfo& info) { return info.getString("k").empty(); };
   const Ask getUnsigned = [](CameraInfo& info) { return info.getUnsigned("k") == 0; };
   const Ask getBool = [](CameraInfo& info) { return info.getBool("k"); };
   const Ask getMap = [](CameraInfo& info) { return info.getMap("k") == Variant(); };
-  const char* const wrongType = "^3:Key \"k\" has a different type than expected\n";
+  const char* const wrongType = "Key \"k\" has a different type than expected\n$";
   const struct {
-    const char* file;
-    const char* json;
+    const char* json;  // empty: no file
     Ask ask;
-    const char* logged;  // as LEVEL:TEXT
+    bool crashes;
+    const char* logged;
   } rows[] = {
-      {kPath, R"({"s":"x","u":15141,"t":true,"one":1,"zero":0,"m":{"k":[]}})", hasAllAndStores,
-       "^$"},
-      {nullptr, "", isNull, "^4:No camera description: VEXO_CAMERA_INFO is not set\n$"},
-      {"/none", "", isNull, "^4:No camera description: \"/none\" cannot be read\n$"},
-      {kPath, "[]", getString, "^3:Invalid variant type detected\n"},
-      {kPath, R"({"K":1})", getMap, "^3:Key \"k\" not available\n"},
-      {kPath, R"({"k":null})", getString, wrongType},
-      {kPath, R"({"k":-1})", getUnsigned, wrongType},
-      {kPath, R"({"k":256})", getBool, wrongType},
-      {kPath, R"({"k":[]})", getMap, wrongType},
+      {R"({"s":"x","u":15141,"t":true,"one":1,"zero":0,"m":{"k":[]}})", hasAll, false, "^$"},
+      {"", isNull, false, "No camera description: \"/none\" cannot be read\n$"},
+      {"[]", getString, true, "Invalid variant type detected\n$"},
+      {R"({"K":1})", getMap, true, "Key \"k\" not available\n$"},
+      {R"({"k":null})", getString, true, wrongType},
+      {R"({"k":-1})", getUnsigned, true, wrongType},
+      {R"({"k":256})", getBool, true, wrongType},
+      {R"({"k":[]})", getMap, true, wrongType},
   };
   for (const auto& row : rows) {
     writeFile(kPath, row.json);
     const auto ask = [&row] {  // in a child: the file is read once in a process
-      const auto print = [](void*, const host::LogRecord& line) {
-        std::fprintf(stderr, "%d:%s\n", line.level, line.message);
-      };
-      host::setLogSink(print, nullptr);
-      row.file != nullptr ? setenv("VEXO_CAMERA_INFO", row.file, 1) : unsetenv("VEXO_CAMERA_INFO");
+      host::setLogSink(nullptr, nullptr);
+      host::setLogLevel(kWarning);
+      setenv("VEXO_CAMERA_INFO", *row.json != '\0' ? kPath : "/none", 1);
       std::_Exit(row.ask(CameraInfo::instance()) ? 0 : 1);
     };
-    const auto endsWell = [&row](int status) {
-      return row.logged[1] == '3' ? WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT
-                                  : status == 0;
+    const auto asExpected = [&row](int status) {
+      return row.crashes ? WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT : status == 0;
     };
-    EXPECT_EXIT(ask(), endsWell, row.logged) << row.json;
+    EXPECT_EXIT(ask(), asExpected, row.logged) << row.json;
   }
 }
 
