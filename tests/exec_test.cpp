@@ -34,9 +34,10 @@ using testing::HasSubstr;
 const std::string kChild = VEXO_BINARY_DIR "/tests/exec_child";
 
 // `size` bytes of the sequence that begins with `first` and repeats after `letters`.
-std::string pattern(std::size_t size, char first, std::size_t letters) {
+std::string pattern(std::size_t size, char first, int letters) {
   std::string text(size, first);
-  for (std::size_t i = 0; i < size; ++i) text[i] = static_cast<char>(first + i % letters);
+  int next = 0;
+  for (char& c : text) c = static_cast<char>(first + next++ % letters);
   return text;
 }
 

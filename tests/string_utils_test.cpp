@@ -75,15 +75,16 @@ TEST(Strings, ArgumentsMayBeTheResult) {
   EXPECT_EQ(out, "");
   // Both, as a string holds few bytes in itself and many elsewhere.
   for (const std::string half : {"short", "longer than what a string holds in itself"}) {
-    Strings parts = {half + ";" + half, ";"};
+    const std::string both = joined({half, half}, ";");
+    Strings parts = {both, ";"};
     tokenize(parts[0], parts, parts[1], true);
-    EXPECT_THAT(parts, ElementsAre(half + ";" + half, ";", half, half));
+    EXPECT_THAT(parts, ElementsAre(both, ";", half, half));
     split(parts[0], parts[1], parts);
     EXPECT_THAT(parts, ElementsAre(half, half));
     replaceAll(parts[0], half.substr(1), parts[0]);
     EXPECT_EQ(parts[0], half[0] + half);
     join(parts[0], "-", parts);
-    EXPECT_EQ(parts[0], half[0] + half + "-" + half);
+    EXPECT_EQ(parts[0], half[0] + joined({half, half}, "-"));
   }
 }
 

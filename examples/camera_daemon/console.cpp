@@ -15,9 +15,12 @@ const long long startMs = nowMs();
 
 const char* colourOf(const std::string& who) {
   static const std::map<std::string, const char*> colours = {
-      {"config", "\033[32m"},   {"crash", "\033[31m"},  {"daemon", "\033[1m"},
-      {"mounting", "\033[33m"}, {"motion", "\033[35m"}, {"process", "\033[36m"},
-      {"signal", "\033[31m"},   {"timer", "\033[34m"},  {"worker", "\033[36m"},
+      {"access", "\033[32m"},  {"clock", "\033[34m"},    {"config", "\033[32m"},
+      {"crash", "\033[31m"},   {"daemon", "\033[1m"},    {"farewell", "\033[31m"},
+      {"log", "\033[33m"},     {"mounting", "\033[33m"}, {"motion", "\033[35m"},
+      {"network", "\033[36m"}, {"process", "\033[36m"},  {"settings", "\033[32m"},
+      {"signal", "\033[31m"},  {"tenant", "\033[36m"},   {"timer", "\033[34m"},
+      {"worker", "\033[36m"},
   };
   const auto found = colours.find(who);
   return found != colours.end() ? found->second : "";

@@ -28,6 +28,13 @@ cp -r "\$3" "/var/crash/\$2"
 COLLECTOR
 chmod +x /usr/bin/crash-collect
 
+# The programs that the library and the daemon call, and the system log.
+ln -s "$host/access_daemon" /usr/bin/access_daemon
+ln -s "$host/vexo_ipc_cli" /usr/bin/vexo_ipc_cli
+busybox syslogd -C16
+until busybox logger -t camera "start"; do sleep 0.02; done
+until busybox logread 2>/dev/null | grep -q start; do sleep 0.02; done
+
 # Waits until the daemon's status has the line $1; ends it when that does not come within 20 s.
 await() {
   tries=0
@@ -59,8 +66,31 @@ turn() {
   done
 }
 
+# More than the ring of the system log holds.
+log() {
+  i=0
+  while [ $i -lt 300 ]; do
+    i=$((i + 1))
+    busybox logger -t camera "frame $i, of which the log keeps a line"
+  done
+}
+
+# A person changes settings; then the time service has synchronised the clock.
+configure() {
+  network=$conf/network/settings.conf
+  pause
+  echo 'address = 300.1.2.3' >"$network"
+  await settings=1
+  echo 'passphrase = correct horse' >"$network"
+  await settings=2
+  echo 'zone = /usr/share/zoneinfo/Europe/Berlin' >"$network"
+  await settings=3
+  awk '{ printf "%d\n", $1 * 1000 }' /proc/uptime >/etc/last_timesync_monotonic_ts
+}
+
 edit() {
   until [ -f /run/camera_daemon.pid ]; do sleep 0.02; done
+  log &
   pause
   echo 'text = Front door' >"$conf/osd.conf" # written in place
   await changes=1
@@ -74,6 +104,7 @@ edit() {
   pause
   rm "$conf/osd.conf"
   await changes=4
+  configure
   turn
   await scenes=done
   kill -TERM "$(cat /run/camera_daemon.pid)"

@@ -1,9 +1,10 @@
 // A small camera daemon, and the tutorial of the library: one event loop that serves timers,
 // signals, a configuration folder and another thread. The other scenes are in files of their own:
-// mounting.cpp, processes.cpp, recordings.cpp, worker.cpp.
+// access.cpp, mounting.cpp, neighbours.cpp, processes.cpp, recordings.cpp, settings.cpp,
+// worker.cpp.
 //
 //   camera_daemon [--check]     --check: exit status 1 unless everything expected was served
-//   camera_daemon --worker ...  what it starts itself (worker.cpp)
+//   camera_daemon --PART ...    the other processes of its scenes, which it starts itself
 //
 // It keeps /run/camera_daemon.pid and /run/camera_daemon.status, which demo.sh waits for.
 
@@ -24,12 +25,15 @@
 #include <vexo_utils/scheduler.h>
 #include <vexo_utils/timer.h>
 
+#include "access.h"
 #include "console.h"
 #include "ledger.h"
 #include "mounting.h"
+#include "neighbours.h"
 #include "processes.h"
 #include "recordings.h"
 #include "scene.h"
+#include "settings.h"
 #include "worker.h"
 
 using console::say;
@@ -51,6 +55,9 @@ class CameraDaemon {
     scenes.push_back(std::make_unique<Recordings>(scheduler, book));
     scenes.push_back(std::make_unique<Mounting>(scheduler, book));
     scenes.push_back(std::make_unique<Worker>(scheduler, book));
+    scenes.push_back(std::make_unique<Settings>(scheduler, book));
+    scenes.push_back(std::make_unique<Access>(scheduler, book));
+    scenes.push_back(std::make_unique<Neighbours>(scheduler, book));
     ledger.expect("periodic timer", 3, 0);
     ledger.expect("one-shot timer, armed anew by itself", kShots, kShots);
     ledger.expect("wake-ups by the second thread", kMotions, 0);
@@ -160,8 +167,10 @@ class CameraDaemon {
 
   // For demo.sh: what of the scenario is done.
   void writeStatus() {
-    std::string status = "changes=" + std::to_string(ledger.counted("configuration changes")) +
-                         "\nattitudes=" + std::to_string(ledger.counted("attitude changes"));
+    std::string status =
+        "changes=" + std::to_string(ledger.counted("configuration changes")) +
+        "\nattitudes=" + std::to_string(ledger.counted("attitude changes")) + "\nsettings=" +
+        std::to_string(ledger.counted("settings taken") + ledger.counted("settings refused"));
     const auto done = [](const auto& scene) { return scene->done(); };
     if (ledger.counted("periodic timer") >= 3 && shots == kShots &&
         ledger.counted("wake-ups by the second thread") == kMotions &&
@@ -186,7 +195,11 @@ class CameraDaemon {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc > 2 && std::strcmp(argv[1], "--worker") == 0) return Worker::run(argv[2]);
+  const std::string part = argc > 2 ? argv[1] : "";
+  if (part == "--worker") return Worker::run(argv[2]);
+  if (part == "--farewell") return Access::sayFarewell(argv[2]);
+  if (part == "--second") return Neighbours::beSecond();
+  if (part == "--tenant") return Neighbours::beTenant();
   const bool check = argc > 1 && std::strcmp(argv[1], "--check") == 0;
   Ledger ledger;
   bool healthy = false;

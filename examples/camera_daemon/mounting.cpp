@@ -92,6 +92,11 @@ bool Mounting::changed(Attitude now) {
     say("mounting", "not now: " + toString(now));
     return false;
   }
+  if (now == last) {
+    say("mounting", "the lens has been turned");
+    return true;
+  }
+  last = now;
   ledger.count(kChanges);
   say("mounting", "the camera hangs as " + toString(now));
   for (const std::string& line : drawingOf(now)) print(line);

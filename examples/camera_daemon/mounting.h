@@ -20,5 +20,6 @@ class Mounting : public Scene {
   vexo::utils::Scheduler& scheduler;
   Ledger& ledger;
   vexo::utils::CameraAttitude attitude;
+  vexo::utils::Attitude last = vexo::utils::Attitude::unknown;
   bool refused = false;
 };
