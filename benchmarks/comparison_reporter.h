@@ -2,8 +2,8 @@
 // side: a line for each measured thing, and in each cell the median over the repetitions, in ns and
 // as a ratio to the fastest peer's.
 //
-// A benchmark is named GROUP/ROW/CONTESTANT. Its counters are what it measured, in seconds: kPlain stands
-// for the row itself, any other is added to the row's name.
+// A benchmark is named GROUP/ROW/CONTESTANT. Its counters are what it measured, in seconds: kPlain
+// stands for the row itself, any other is added to the row's name.
 #pragma once
 
 #include <cstdint>
