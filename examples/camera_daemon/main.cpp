@@ -196,7 +196,6 @@ class CameraDaemon {
 
 int main(int argc, char** argv) {
   const std::string part = argc > 2 ? argv[1] : "";
-  if (part == "--worker") return Worker::run(argv[2]);
   if (part == "--farewell") return Access::sayFarewell(argv[2]);
   if (part == "--second") return Neighbours::beSecond();
   if (part == "--tenant") return Neighbours::beTenant();

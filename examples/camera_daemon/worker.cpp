@@ -1,11 +1,9 @@
 #include "worker.h"
 
-#include <cstdio>
 #include <vector>
 
 #include <fcntl.h>
 
-#include <vexo_utils/crashdumps.h>
 #include <vexo_utils/fileutils.h>
 #include <vexo_utils/procfs.h>
 #include <vexo_utils/string_utils.h>
@@ -22,22 +20,7 @@ constexpr char kCrashes[] = "crashes of the worker";
 constexpr char kDumps[] = "dumps, collected and read";
 constexpr char kWork[] = "work done by the worker started again";
 
-// Not inline, so that the trace has it as a frame of its own.
-__attribute__((noinline)) void grabFrame(volatile int* frame) {
-  *frame = 1;
-}
-
 }  // namespace
-
-int Worker::run(const std::string& order) {
-  if (!InstallCrashDumpHandler("camera_worker")) return 1;
-  std::puts("ready");
-  std::fflush(stdout);
-  int frame = 0;
-  grabFrame(order == "crash" ? nullptr : &frame);
-  std::puts("frame grabbed");
-  return 0;
-}
 
 Worker::Worker(vexo::utils::Scheduler& loop, Ledger& book)
     : scheduler(loop),
@@ -62,8 +45,8 @@ bool Worker::done() const {
 }
 
 bool Worker::startWorker(const std::string& order) {
-  std::string program;
-  return getModulePath(program) && worker.start(program, {"--worker", order});
+  std::string folder;
+  return getModuleDir(folder) && worker.start(folder + "/camera_worker", {order});
 }
 
 void Worker::ended(int status) {

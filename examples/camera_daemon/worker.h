@@ -1,4 +1,5 @@
-// Scene: a worker of the daemon crashes, leaves its trace, and is started again.
+// Scene: a worker of the daemon (camera_worker.cpp) crashes, leaves its trace, and is started
+// again.
 #pragma once
 
 #include <string>
@@ -15,9 +16,6 @@ class Worker : public Scene {
 
   bool start() override;
   bool done() const override;
-
-  // The worker's own main: `order` is "crash" or "work".
-  static int run(const std::string& order);
 
  private:
   bool startWorker(const std::string& order);
