@@ -6,11 +6,13 @@
 #include <string>
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <vexo_utils/auth.h>
+#include <vexo_utils/fileutils.h>
 #include <vexo_utils/persistence.h>
 #include <vexo_utils/procfs.h>
 #include <vexo_utils/terminate.h>
@@ -27,7 +29,7 @@ constexpr int kFarewell = 3;  // exit status
 constexpr char kPasswords[] = "passwords: right, wrong, nobody's";
 constexpr char kTokens[] = "tokens: valid, not valid";
 constexpr char kHeard[] = "announcements heard";
-constexpr char kSaved[] = "farewells, configuration saved";
+constexpr char kSaved[] = "farewells: saved, reboot requested";
 
 const char* verdict(int code, bool ok) {
   return code != 0 ? "not checked" : ok ? "accepted" : "refused";
@@ -46,7 +48,7 @@ Access::Access(vexo::utils::Scheduler& loop, Ledger& book)
       leaving([](const std::string& line) { say("farewell", line); },
               [this](int status) {
                 say("farewell", "ended with " + std::to_string(status));
-                if (status == kFarewell) ledger.count(kSaved);
+                if (status == kFarewell && showRequests() > 0) ledger.count(kSaved);
               }) {
   ledger.expect(kPasswords, 3, 3);
   ledger.expect(kTokens, 2, 2);
@@ -137,9 +139,21 @@ bool Access::startFarewell() {
   return getModulePath(program) && leaving.start(program, {"--farewell", std::to_string(port)});
 }
 
+// What the client was asked, as the one in platform/host/tools records it.
+int Access::showRequests() {
+  int requests = 0;
+  const auto show = [&](const std::string& line) {
+    say("request", line);
+    ++requests;
+    return true;
+  };
+  forEachLine("/run/vexo_ipc_cli.record", show, AT_FDCWD);
+  return requests;
+}
+
 int Access::sayFarewell(const char* port) {
-  if (!vexo::utils::enqueuePersist(true)) return 1;
-  std::puts("configuration saved");
+  if (!vexo::utils::enqueuePersist(true) || !vexo::utils::enqueueReboot(5000)) return 1;
+  std::puts("configuration saved, reboot requested in 5000 ms");
   std::fflush(stdout);
   vexo::utils::announceTerminate("127.0.0.1", static_cast<unsigned short>(std::atoi(port)), 2, 1,
                                  kFarewell, "firmware update", false);

@@ -25,6 +25,7 @@ class Access : public Scene {
   bool listen();
   void hear();
   bool startFarewell();
+  static int showRequests();
 
   vexo::utils::Scheduler& scheduler;
   Ledger& ledger;
