@@ -170,18 +170,18 @@ TEST(FdReaderWriter, TransfersEveryValueInSpiteOfShortAndInterruptedCalls) {
 TEST(FdReaderWriter, OnlyMinusOneAndTheEndOfDataAreFailures) {
   struct {
     bool reads;
-    std::vector<std::pair<int, int>> calls;  // results and errno
     bool done;
+    std::vector<std::pair<int, int>> calls;  // results and errno
     int lastError;
     int level;
     const char* text;
   } const rows[] = {
-      {true, {{1, 0}, {-1, EAGAIN}, {0, 0}}, false, EAGAIN, kWarning, "read 4 bytes. EOF"},
-      {true, {{3, 0}, {-1, EIO}}, false, EIO, kError, "read 4 bytes. (5) Input/output error"},
-      {true, {{-2, EIO}}, true, -1, 0, ""},
-      {false, {{0, 0}, {2, 0}, {0, 0}, {2, 0}}, true, -1, 0, ""},
-      {false, {{3, 0}, {-1, EINTR}, {-1, EIO}}, false, EIO, kError, "write 4 bytes to file"},
-      {false, {{-2, EIO}}, true, -1, 0, ""},
+      {true, false, {{1, 0}, {-1, EAGAIN}, {0, 0}}, EAGAIN, kWarning, "read 4 bytes. EOF"},
+      {true, false, {{3, 0}, {-1, EIO}}, EIO, kError, "read 4 bytes. (5) Input/output error"},
+      {true, true, {{-2, EIO}}, -1, 0, ""},
+      {false, true, {{0, 0}, {2, 0}, {0, 0}, {2, 0}}, -1, 0, ""},
+      {false, false, {{3, 0}, {-1, EINTR}, {-1, EIO}}, EIO, kError, "write 4 bytes to file"},
+      {false, true, {{-2, EIO}}, -1, 0, ""},
   };
   for (const auto& row : rows) {
     Tracing both(kNobodys);

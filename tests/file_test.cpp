@@ -38,13 +38,13 @@ class FileWith : public File {
 TEST(File, ModesOpenAsTheySay) {
   struct {
     FILE_OPEN_MODE mode;
-    const char* flags;
     bool creates;
+    const char* flags;
     const char* result;  // of writing "ab" to a file with "1234"
-  } const rows[] = {{FILE_OPEN_READ, "0", false, "1234"},
-                    {FILE_OPEN_READ_WRITE, "2", false, "ab34"},
-                    {FILE_OPEN_TRUNCATE, "242", true, "ab"},
-                    {FILE_OPEN_APPEND, "442", true, "1234ab"}};
+  } const rows[] = {{FILE_OPEN_READ, false, "0", "1234"},
+                    {FILE_OPEN_READ_WRITE, false, "2", "ab34"},
+                    {FILE_OPEN_TRUNCATE, true, "242", "ab"},
+                    {FILE_OPEN_APPEND, true, "442", "1234ab"}};
   for (const auto& row : rows) {
     FileWith file("1234", row.mode);
     const bool writes = file.WriteString("ab");

@@ -92,8 +92,9 @@ TEST(Variant, JsonKeepsTypesAndEveryBitOfIntegers) {
   value = Variant::List{timeval{1, 999999}, std::nan(""), HUGE_VAL, "a\xff"};
   EXPECT_EQ(value.toJson(), "[{\"sec\":1,\"usec\":999999},null,null,\"a\xef\xbf\xbd\"]");
   value = "before";
-  for (const std::string& text : {""s, "[1,]"s, "1 2"s, "\"\xff\""s, "1e999"s, "[1\0]"s,
-                                  open + "[]" + close, std::string(1'000'000, '[')}) {
+  const std::string tooDeep = "[" + open + close + "]";
+  for (const std::string& text : {""s, "[1,]"s, "1 2"s, "\"\xff\""s, "1e999"s, "[1\0]"s, tooDeep,
+                                  std::string(1'000'000, '[')}) {
     EXPECT_FALSE(Variant::fromJson(text, value)) << text.substr(0, 80);
     EXPECT_EQ(value, Variant("before"));
   }

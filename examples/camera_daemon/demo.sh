@@ -28,6 +28,10 @@ cp -r "\$3" "/var/crash/\$2"
 COLLECTOR
 chmod +x /usr/bin/crash-collect
 
+# Accounts of its own, to which the daemon adds one.
+cp /etc/passwd /etc/passwd.own
+mv /etc/passwd.own /etc/passwd
+
 # The programs that the library and the daemon call, and the system log.
 ln -s "$host/access_daemon" /usr/bin/access_daemon
 ln -s "$host/vexo_ipc_cli" /usr/bin/vexo_ipc_cli

@@ -1,5 +1,6 @@
 #include "private_world.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -56,7 +57,7 @@ void makeReadOnly(const std::string& folder) {
 
 void copyOnWrite(const std::string& folder) {
   std::string name = folder;
-  name.front() = '.';
+  std::replace(name.begin(), name.end(), '/', '.');
   const std::string upper = kScratch + ("/" + name) + ".upper";
   const std::string work = kScratch + ("/" + name) + ".work";
   fs::create_directory(upper);
@@ -115,7 +116,8 @@ void furnish(const std::vector<std::string>& keep) {
   const std::string cwd = fs::current_path();
   must(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "private mounts");
   mountTmpfs(kScratch, "size=64m");
-  for (const std::string folder : {"/etc", "/usr", "/var"}) copyOnWrite(folder);
+  // In a user namespace only the top folder of an overlay can be written to.
+  for (const std::string folder : {"/etc", "/usr", "/usr/bin", "/var"}) copyOnWrite(folder);
   mountTmpfs("/run", "size=8m,mode=755");
   fs::create_directory("/run/lock");
   fs::permissions("/run/lock", fs::perms::all | fs::perms::sticky_bit);
