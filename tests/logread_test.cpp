@@ -4,6 +4,7 @@
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -14,6 +15,7 @@
 #include "in_child.h"
 #include "log_recorder.h"
 #include "log_ring.h"
+#include "process_state.h"
 #include "wait.h"
 
 namespace vexo::utils {
@@ -102,17 +104,19 @@ TEST(Logread, FollowsAnyLogger) {
   }
 }
 
-LogRing* held;
-
 TEST(Logread, UnlocksAlways) {
   LogRing ring(100, 100, 0);
   for (const char* message : {"one", "two"}) ring.write(message);
   ring.setWriting(true);
-  held = &ring;
-  signal(SIGALRM, [](int) { held->setWriting(false); });
-  ualarm(20'000, 0);
+  const InterruptingSignal interrupt(SIGUSR1);
+  std::thread writer([&, reader = pthread_self()] {
+    EXPECT_TRUE(eventually([&] { return ring.waiting() > 0; }));
+    pthread_kill(reader, SIGUSR1);
+    ring.setWriting(false);
+  });
   Logread log;
-  ASSERT_TRUE(log.Initialize());  // waits, through the signal
+  EXPECT_TRUE(log.Initialize());  // waits, through the signal
+  writer.join();
   const auto refuse = [](const char* message, unsigned, void*) { throw std::logic_error(message); };
   EXPECT_THROW(log.ForEach(refuse, nullptr), std::logic_error);
   EXPECT_EQ(ring.readers(), 0);

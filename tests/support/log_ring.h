@@ -41,6 +41,7 @@ class LogRing {
   void setTail(int32_t tail) { header->tail = tail; }
   void setWriting(bool writing) const { semctl(sem, 1, SETVAL, writing ? 1 : 0); }
   int readers() const { return semctl(sem, 0, GETVAL); }
+  int waiting() const { return semctl(sem, 1, GETZCNT); }
 
  private:
   struct Header {
