@@ -53,9 +53,11 @@ void drawLens() {
   say("lens", "its circle lies in a square of " + std::to_string(window.w) + " at " +
                   std::to_string(window.x) + "," + std::to_string(window.y));
   const double radius = window.w / 2.0;
-  for (double y = kCellHeight / 2.0; y < kHeight; y += kCellHeight) {
+  for (unsigned row = 0; row < kHeight / kCellHeight; ++row) {
     std::string line = "  ";
-    for (double x = kCellWidth / 2.0; x < kWidth; x += kCellWidth) {
+    for (unsigned column = 0; column < kWidth / kCellWidth; ++column) {
+      const double x = (column + 0.5) * kCellWidth;
+      const double y = (row + 0.5) * kCellHeight;
       const double fromMiddle = std::hypot(x - window.x - radius, y - window.y - radius);
       line += fromMiddle <= radius ? 'o' : '.';
     }
