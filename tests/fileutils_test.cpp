@@ -69,13 +69,13 @@ class FileUtils : public testing::Test {
  protected:
   void SetUp() override {
     origin = fs::current_path();
-    fs::create_directory("/tmp/work");
-    fs::current_path("/tmp/work");
+    fs::create_directory("/tmp/desk");
+    fs::current_path("/tmp/desk");
     umask(022);
   }
   void TearDown() override {
     fs::current_path(origin);
-    fs::remove_all("/tmp/work");
+    fs::remove_all("/tmp/desk");
   }
 
   fs::path origin;
@@ -89,10 +89,10 @@ TEST_F(FileUtils, PathsAsText) {
       {"/a/b/", "/a", "", "/a", "b", "/a/b"},
       {"/a/b//", "/a/b", "", "/a", "b", "/a/b"},
       {"/file", "/", "file", "/", "file", "/file"},
-      {"file", ".", "file", ".", "file", "/tmp/work/file"},
+      {"file", ".", "file", ".", "file", "/tmp/desk/file"},
       {"/", "/", "", "/", "/", "/"},
       {"", ".", "", ".", ".", ""},
-      {"a//b", "a/", "b", "a", "b", "/tmp/work/a/b"},
+      {"a//b", "a/", "b", "a", "b", "/tmp/desk/a/b"},
       {"/a/./b/..//c/.", "/a/./b/..//c", ".", "/a/./b/..//c", ".", "/a/c"},
       {"../../../x", "../../..", "x", "../../..", "x", "/x"},
       {"/..a/...", "/..a", "...", "/..a", "...", "/..a/..."},
@@ -105,10 +105,10 @@ TEST_F(FileUtils, PathsAsText) {
   }
   fs::create_directories("far/deep");
   fs::create_directory_symlink("far/deep", "link");
-  EXPECT_EQ(resolvePath("link/.."), "/tmp/work/far");
+  EXPECT_EQ(resolvePath("link/.."), "/tmp/desk/far");
   EXPECT_EQ(resolvePath("missing"), "");
   EXPECT_TRUE(logged(kError, "Failed to resolve 'missing'", ENOENT));
-  fs::remove_all("/tmp/work");
+  fs::remove_all("/tmp/desk");
   EXPECT_EQ(normalizePath("a"), "");
   EXPECT_TRUE(logged(kError, "Failed to getcwd()", ENOENT));
 }
@@ -216,7 +216,7 @@ TEST_F(FileUtils, TouchesAndMakes) {
       refused(touchFile("no/file", true, AT_FDCWD), "Couldn't open() path: no/file", ENOENT));
   EXPECT_FALSE(syncDir("file", AT_FDCWD) || syncFile("no", true, AT_FDCWD));
 
-  EXPECT_TRUE(mkdirP("/tmp/work/a//b/", false, 0750, -1));
+  EXPECT_TRUE(mkdirP("/tmp/desk/a//b/", false, 0750, -1));
   EXPECT_EQ(modeOf("a/b"), 0750U);
   EXPECT_TRUE(mkdirP("a/b/../c", true, 0700, opened(".").get()));
   EXPECT_TRUE(fs::is_directory("a/c") && modeOf("a") == 0750);  // stays as it is
@@ -235,7 +235,7 @@ TEST_F(FileUtils, TouchesAndMakes) {
 TEST_F(FileUtils, TemporaryFiles) {
   NamedFStream stream;
   for (const char* text : {"one", "two"}) {  // the second time it has a file open
-    ASSERT_TRUE(openTmpFStream("/tmp/work/t.XXXXXX", stream) && stream.good());
+    ASSERT_TRUE(openTmpFStream("/tmp/desk/t.XXXXXX", stream) && stream.good());
     stream << text << std::flush;
     EXPECT_EQ(readFile(stream.name), text);
     EXPECT_EQ(modeOf(stream.name), 0600U);
@@ -346,7 +346,7 @@ TEST_F(FileUtils, MovesWithinAndAcross) {
   writeFile("file", pattern(100'000));
   ASSERT_EQ(chmod("file", 0741), 0);
   const ino_t inode = statusOf("file").st_ino;
-  EXPECT_TRUE(renameFile("file", "/tmp/work/moved", opened(".").get(), AT_FDCWD));
+  EXPECT_TRUE(renameFile("file", "/tmp/desk/moved", opened(".").get(), AT_FDCWD));
   EXPECT_EQ(statusOf("moved").st_ino, inode);  // no copy
   writeFile("/tmp/there/moved", std::string(200'000, 'o'));
   EXPECT_TRUE(renameFile("moved", "/tmp/there/moved", opened(".").get(), AT_FDCWD));
@@ -362,7 +362,7 @@ TEST_F(FileUtils, MoveThatFailsKeepsTheSource) {
   fs::create_directory("/tmp/again");
   const Mounted there("/tmp/there");
   const Mounted full("/tmp/full", "size=32k");
-  const Mounted again = Mounted::over("/tmp/again", "/tmp/work");  // of one file system, two mounts
+  const Mounted again = Mounted::over("/tmp/again", "/tmp/desk");  // of one file system, two mounts
   const auto expectFailure = [&](const std::string& from, const std::string& to,
                                  const std::string& cause, int error) {
     EXPECT_TRUE(refused(renameFile(from.c_str(), to.c_str(), AT_FDCWD, AT_FDCWD), cause, error));
@@ -403,7 +403,7 @@ TEST_F(FileUtils, RemovesTreesAndNothingElse) {
   fs::create_directories("tree/sub/.hidden/..more");
   for (int i = 0; i < 10'000; ++i) writeFile("tree/sub/" + std::to_string(i), "");
   writeFile("tree/line\nfeed", "");
-  fs::create_directory_symlink("/tmp/work/outside", "tree/sub/link");
+  fs::create_directory_symlink("/tmp/desk/outside", "tree/sub/link");
   fs::create_symlink("/missing", "tree/dangling");
   ASSERT_EQ(mkfifo("tree/fifo", 0600), 0);
   fs::create_directory_symlink("outside", "link");
@@ -421,7 +421,7 @@ TEST_F(FileUtils, RemovesTheRestOfWhatItMustLeave) {
   fs::create_directories("tree/b/c");
   fs::create_directories("tree/a/busy");
   for (const char* file : {"tree/a/1", "tree/a/2", "tree/b/c/3"}) writeFile(file, "");
-  const Mounted busy("/tmp/work/tree/a/busy");
+  const Mounted busy("/tmp/desk/tree/a/busy");
   EXPECT_FALSE(rmRf("tree", AT_FDCWD));
   EXPECT_THAT(list("tree"), ElementsAre("a"));
   EXPECT_THAT(list("tree/a"), ElementsAre("busy"));
@@ -470,10 +470,10 @@ TEST_F(FileUtils, IsNotLedOutsideByASwappedLink) {
 
 TEST_F(FileUtils, WaitsUntilAllExist) {
   writeFile("here", "");
-  EXPECT_TRUE(waitForFiles({}, 0) && waitForFiles({"here", "/tmp/work/here"}, 0));
+  EXPECT_TRUE(waitForFiles({}, 0) && waitForFiles({"here", "/tmp/desk/here"}, 0));
   EXPECT_FALSE(waitForFiles({"here", "missing/deep"}, 20) || waitForFiles({"here", ""}, UINT_MAX));
   const std::pair<Strings, std::function<void()>> rows[] = {
-      {{"/tmp/work/b/c/d", "e/"},
+      {{"/tmp/desk/b/c/d", "e/"},
        [] {
          fs::create_directory("e");
          fs::create_directories("b/c");
