@@ -9,7 +9,7 @@ function(vexo_crashing_program target)
   endif()
   set(plain
       crashdump_folder crashdumps exec exec_helpers fileutils fileutils_move internal/alternate_stack
-      internal/path_watch internal/spawn memorymap string_utils timer)
+      internal/late_library internal/path_watch internal/spawn memorymap string_utils timer)
   list(TRANSFORM plain REPLACE "(.+)" "${PROJECT_SOURCE_DIR}/vexo_utils/src/\\1.cpp")
   target_sources(${target} PRIVATE ${plain} ${PROJECT_SOURCE_DIR}/platform/host/src/log.cpp)
   target_include_directories(

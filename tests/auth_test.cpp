@@ -135,6 +135,18 @@ TEST(Password, Salts) {
   EXPECT_THAT(generateHash("secret", "$6$a:b$"), MatchesRegex("|\\*.*"));
 }
 
+// libcrypt is loaded at the first hash; what prevents that once does not the next time.
+TEST(Password, NoHashWithoutTheLibrary) {
+  {
+    const DescriptorLimit none(0);
+    EXPECT_EQ(generateHash("secret", "$6$abc$"), "");
+    EXPECT_TRUE(logged(kError,
+                       "Failed to load library: libcrypt.so.1: cannot open shared object file: "
+                       "Too many open files"));
+  }
+  EXPECT_NE(generateHash("secret", "$6$abc$"), "");
+}
+
 TEST(Password, IsLockedByTheProgram) {
   const std::string program = "/usr/bin/passwd";
   fs::remove(program);

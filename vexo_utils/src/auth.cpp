@@ -12,6 +12,7 @@
 #include <pwd.h>
 #include <sys/random.h>
 
+#include "internal/late_library.h"
 #include "internal/log.h"
 #include "internal/retry.h"
 #include "vexo/variant/Variant.h"
@@ -69,12 +70,25 @@ bool runPasswd(const char* option, const std::string& user) {
 
 // ---- hashes ----
 
+struct Libcrypt : internal::LateLibrary {
+  Libcrypt() : LateLibrary("libcrypt.so.1") {}
+  VEXO_LATE_FUNCTION(crypt);
+};
+
+struct Libcrypto : internal::LateLibrary {
+  Libcrypto() : LateLibrary("libcrypto.so.3") {}
+  VEXO_LATE_FUNCTION(CRYPTO_memcmp);
+};
+
 // What crypt(3) made, in its own buffer, which is wiped when the scope ends.
 class Crypted {
  public:
   Crypted(const char* password, const std::string& salt)
-      : text_(crypt(password, salt.c_str())), length_(text_ != nullptr ? std::strlen(text_) : 0) {}
-  ~Crypted() { OPENSSL_cleanse(text_, length_); }
+      : text_(library_ ? library_.crypt(password, salt.c_str()) : nullptr),
+        length_(text_ != nullptr ? std::strlen(text_) : 0) {}
+  ~Crypted() {
+    if (text_ != nullptr) explicit_bzero(text_, length_);
+  }
   Crypted(const Crypted&) = delete;
   Crypted& operator=(const Crypted&) = delete;
 
@@ -82,11 +96,13 @@ class Crypted {
 
   // False when crypt(3) failed: a stored hash never begins with '*'.
   bool equals(const std::string& hash) const {
-    return length_ != 0 && length_ == hash.size() &&
-           CRYPTO_memcmp(text_, hash.data(), length_) == 0;
+    if (length_ == 0 || length_ != hash.size()) return false;
+    const Libcrypto libcrypto;
+    return libcrypto && libcrypto.CRYPTO_memcmp(text_, hash.data(), length_) == 0;
   }
 
  private:
+  const Libcrypt library_;
   char* text_;
   std::size_t length_;
 };

@@ -23,6 +23,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "internal/late_library.h"
 #include "internal/log.h"
 #include "vexo/variant/CameraInfo.h"
 #include "vexo_utils/timer.h"
@@ -212,20 +213,24 @@ std::string withPlainDashes(const std::string& name) {
   return plain;
 }
 
-struct IdnFree {
-  void operator()(char* text) const { idn2_free(text); }
+struct Libidn2 : internal::LateLibrary {
+  Libidn2() : LateLibrary("libidn2.so.0") {}
+  VEXO_LATE_FUNCTION(idn2_to_ascii_8z);
+  VEXO_LATE_FUNCTION(idn2_free);
+  VEXO_LATE_FUNCTION(idn2_strerror);
+  VEXO_LATE_FUNCTION(idn2_strerror_name);
 };
 
 struct Ascii {
   int code;  // IDN2_OK or why there is no text
-  std::unique_ptr<char, IdnFree> text;
+  std::unique_ptr<char, decltype(&idn2_free)> text;
 };
 
-Ascii toAscii(const std::string& name) {
+Ascii toAscii(const Libidn2& libidn2, const std::string& name) {
   char* text = nullptr;
-  const int code = idn2_to_ascii_8z(name.c_str(), &text,
-                                    IDN2_NFC_INPUT | IDN2_TRANSITIONAL | IDN2_USE_STD3_ASCII_RULES);
-  return {code, std::unique_ptr<char, IdnFree>(text)};
+  const int code = libidn2.idn2_to_ascii_8z(
+      name.c_str(), &text, IDN2_NFC_INPUT | IDN2_TRANSITIONAL | IDN2_USE_STD3_ASCII_RULES);
+  return {code, {text, libidn2.idn2_free}};
 }
 
 std::string hostnameOfDescription() {
@@ -443,16 +448,18 @@ std::string getValidHostname() {
   name = withPlainDashes(trim(name));
   VEXO_LOG_DEBUG("Modified hostname \"%s\"", name.c_str());
 
-  Ascii ascii = toAscii(name);
+  const Libidn2 libidn2;
+  if (!libidn2) return hostnameOfDescription();
+  Ascii ascii = toAscii(libidn2, name);
   if (ascii.code == IDN2_2HYPHEN || ascii.code == IDN2_HYPHEN_STARTEND) {
     replaceAll(name, "-", kEnDash);
     VEXO_LOG_DEBUG("Modified hostname \"%s\"", name.c_str());
-    ascii = toAscii(name);
+    ascii = toAscii(libidn2, name);
   }
   if (ascii.code != IDN2_OK) {
     VEXO_LOG_WARNING("idn2_to_ascii_8z conversion fail from string \"%s\", ret[%s(%d):%s]",
-                     name.c_str(), idn2_strerror_name(ascii.code), ascii.code,
-                     idn2_strerror(ascii.code));
+                     name.c_str(), libidn2.idn2_strerror_name(ascii.code), ascii.code,
+                     libidn2.idn2_strerror(ascii.code));
   }
   if (ascii.text) return ascii.text.get();
   return hostnameOfDescription();

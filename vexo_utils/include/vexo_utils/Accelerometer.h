@@ -2,8 +2,8 @@
 //
 // Two kinds of chip are served. An industrial-I/O one gives its axes as sysfs files (sysfs mode);
 // the driver of the lis2de reports them as input events on /dev/input/event0 (input mode), see
-// input(7) of the kernel's documentation. The chip is looked for through udev once, by the
-// constructor, and its files stay open.
+// input(7) of the kernel's documentation. The chip is looked for through libudev.so.1 (which is
+// loaded then) once, by the constructor, and its files stay open.
 //
 // In input mode every reading of an axis waits until the driver reports the next events.
 //

@@ -16,7 +16,10 @@
 //               -1  no such account            -4  the password is empty
 //               -2  its hash is not well-      -5  the token is empty
 //                   formed                  -9000  the access daemon did not answer
-// Failure:   only authenticateToken and generateSecureSalt log. Nothing is thrown but
+// Loaded:    libcrypt.so.1 and libcrypto.so.3, by the first hash that is made or checked. While
+//            that fails ("Failed to load library: REASON"), no password is the account's and
+//            generateHash gives "".
+// Failure:   else only authenticateToken and generateSecureSalt log. Nothing is thrown but
 //            std::bad_alloc.
 #pragma once
 

@@ -110,7 +110,8 @@ VEXO_UTILS_API std::string generateOsdTimeString(const char* fmt);
 //
 // A name that cannot be converted (an ASCII form longer than a label's 63 bytes, no UTF-8) is
 // logged as the warning "idn2_to_ascii_8z conversion fail from string ...", and the result is made
-// of the camera's description: "NAME-HWADDR", with the bytes of "hwaddr" from the ninth on, and
+// of the camera's description, as it is while libidn2.so.0, which the first call loads, cannot be
+// loaded (the error "Failed to load library: REASON"): "NAME-HWADDR", with the bytes of "hwaddr" from the ninth on, and
 // each ' ' as '-'. CameraInfo::getString says what a description without "name" leads to
 // (forceCrash). A description without "hwaddr" gets it as "", which is a change that no lock
 // guards; that, as any of less than 8 bytes, throws std::out_of_range.
