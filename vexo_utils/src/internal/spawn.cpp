@@ -121,7 +121,8 @@ class Stacks {
       : memory(mmap(nullptr, 2 * kSize, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1,
                     0)) {
     for (std::size_t i = 0; valid() && i < 2; ++i) {
-      if (mprotect(top(i) - kStackSize, kStackSize, PROT_READ | PROT_WRITE) != 0) release();
+      if (mprotect(top(i) + kAboveTop - kStackSize, kStackSize, PROT_READ | PROT_WRITE) != 0)
+        release();
     }
   }
   ~Stacks() { release(); }
@@ -129,10 +130,15 @@ class Stacks {
   Stacks& operator=(const Stacks&) = delete;
 
   bool valid() const { return memory != MAP_FAILED; }
-  char* top(std::size_t index) const { return static_cast<char*>(memory) + (index + 1) * kSize; }
+  char* top(std::size_t index) const {
+    return static_cast<char*>(memory) + (index + 1) * kSize - kAboveTop;
+  }
 
  private:
   static constexpr std::size_t kSize = 2 * kStackSize;
+  // syscall(2) of ARM's C library loads its seventh argument's word from the stack, given or not,
+  // which for a function without a frame lies above the top.
+  static constexpr std::size_t kAboveTop = 64;
 
   void release() {
     const int savedErrno = errno;
