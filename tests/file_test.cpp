@@ -15,7 +15,6 @@
 #include "files.h"
 #include "log_recorder.h"
 #include "mounted.h"
-#include "process_state.h"
 
 namespace vexo::utils {
 namespace {
@@ -243,11 +242,6 @@ TEST(File, ReadsAllOfAFile) {
     EXPECT_TRUE(
         logged(kError, "ReadAll can only be done on files smaller than 2^32 bytes (4GB)", 0));
   }
-  text = "old";
-  const DescriptorLimit none(0);
-  EXPECT_TRUE(refused(File::ReadStringAll(kPath, text),
-                      "Unable to open file /tmp/file with mode `0`", EMFILE));
-  EXPECT_EQ(text, "");
 }
 
 TEST(File, ReadsAllOfAFileThatChangesMeanwhile) {

@@ -102,15 +102,25 @@ TEST_F(InodeListenerTest, NotifierMayChangeEverything) {
 
 TEST_F(InodeListenerTest, Failures) {
   const struct {
-    const char *folder, *pattern, *error;
-  } rows[] = {{"", ".", "Invalid directory name (empty)"},
-              {kFolder, "", "Failed to compile regex: Invalid preceding regular expression"},
-              {"/none", ".", "`inotify_add_watch()` error"}};
+    const char *folder, *pattern;
+    unsigned mask;
+    IInodeNotifier* notifier;
+    const char* error;
+  } rows[] = {
+      {"", ".", 1, this, "Invalid directory name (empty)"},
+      {kFolder, ".", 0, this, "Invalid flags value (should be non-zero)"},
+      {kFolder, ".", 1, nullptr, "Invalid notifier (null)"},
+      {kFolder, "", 1, this, "Failed to compile regex: Invalid preceding regular expression"},
+      {"/none", ".", 1, this, "`inotify_add_watch()` error"}};
   for (const auto& row : rows) {
     listener->stop();
-    EXPECT_FALSE(listener->start(row.folder, row.pattern, IN_CREATE, this));
+    EXPECT_FALSE(listener->start(row.folder, row.pattern, row.mask, row.notifier));
     EXPECT_TRUE(logged(kError, row.error));
   }
+  std::vector<inotify_event*> events;
+  EXPECT_TRUE(refused(InodeListener().read(events), "Data buffer is not allocated"));
+  EXPECT_TRUE(listener->init());
+  EXPECT_TRUE(logged(kWarning, "Calling `init()` on already initialized object"));
   EXPECT_FALSE(start("."));  // counts as started
   EXPECT_TRUE(logged(kError, "Already started", 0));
   listener->stop();

@@ -1,15 +1,12 @@
 #include "vexo_utils/iobuffer.h"
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
-#include <random>
 #include <string>
 #include <string_view>
-#include <utility>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -43,94 +40,6 @@ std::string_view unread(const IOBuffer& buffer) {
 bool append(IOBuffer& buffer, std::string_view text) {
   return buffer.ReadFromBuffer(reinterpret_cast<const unsigned char*>(text.data()),
                                static_cast<unsigned>(text.size()));
-}
-
-// The bytes, and the numbers as they come from copying for every move.
-struct Model {
-  std::string bytes;
-  std::size_t read = 0;  // of the bytes
-  uint64_t size = 0, published = 0, consumed = 0;
-  unsigned limit = 0;
-
-  std::string_view unread() const { return std::string_view(bytes).substr(read); }
-
-  void move(bool anyway) {
-    if (consumed < unread().size() && !anyway) return;
-    published = unread().size();
-    consumed = 0;
-  }
-
-  void append(std::string_view data) {
-    if (size - published < data.size()) {
-      move(false);
-      if (size - published < data.size()) {
-        size = (data.size() - 1 + 4096 + unread().size()) / 4096 * 4096;
-        move(true);
-      }
-    }
-    published += data.size();
-    bytes += data;
-  }
-
-  void drop(std::size_t count) {
-    consumed += count;
-    read += count;
-    if (read >= bytes.size() / 2) bytes.erase(0, std::exchange(read, 0));
-    if (consumed != published) return;
-    published = consumed = 0;
-    if (limit == 0 || limit >= size) return;
-    const std::string message = "IOB: free space limit exceeded. Shrinking `queue` buffer space: ";
-    EXPECT_TRUE(logged(kWarning, message + std::to_string(size) + " -> " + std::to_string(limit)));
-    size = limit;
-  }
-};
-
-TEST(IOBuffer, IsAPlainByteStringThroughAMillionOperations) {
-  std::mt19937 random(20261121);
-  const auto below = [&](std::size_t most) { return static_cast<unsigned>(random() % most); };
-  std::string source(4 << 20, 'x');
-  for (char& byte : source) byte = static_cast<char>(random());
-  const UniqueFd null(open("/dev/null", O_WRONLY | O_CLOEXEC));
-  IOBuffer queue("queue");
-  Model model;
-  std::size_t level = 0;  // about which the number of unread bytes goes up and down
-  for (int i = 0; i < 1000000; ++i) {
-    if (i % 1000 == 0) {
-      ASSERT_EQ(unread(queue), model.unread()) << i;
-      ASSERT_TRUE(queue.IgnoreAll());
-      model.drop(model.unread().size());
-      level = 16U << (i % 100000 == 0 ? 17 : below(15));
-      model.limit = std::array{0U, 1U, 100001U, 0x800000U}[below(4)];
-      queue.SetFreeSpaceLimit(model.limit);
-    }
-    const bool appending = below(100) < (queue.UnreadSize() < level ? 65U : 35U);
-    const unsigned count = 1 + below(level / 8 + 20);
-    const unsigned way = below(20);
-    const auto data = std::string_view(source).substr(below(source.size() - count), count);
-    if (appending && way < 4) {  // two pieces, each of which makes room for itself
-      std::string all = std::string(way, '?') + std::string(data);
-      const std::size_t cut = way + below(count);
-      const iovec pieces[] = {{all.data(), cut}, {all.data() + cut, all.size() - cut}};
-      ASSERT_TRUE(queue.ReadFromBuffer(pieces, 2, way));
-      model.append(data.substr(0, cut - way));
-      model.append(data.substr(cut - way));
-    } else if (appending) {
-      ASSERT_TRUE(append(queue, data) && queue.ReadFromRepeat('r', way));
-      model.append(data);
-      model.append(std::string(way, 'r'));
-    } else if (way == 0) {
-      ASSERT_TRUE(queue.MoveData());
-      model.move(false);
-    } else {
-      const unsigned some = std::min(count, queue.UnreadSize());
-      int sent = static_cast<int>(some);
-      ASSERT_EQ(unread(queue).substr(0, some), model.unread().substr(0, some)) << i;
-      ASSERT_TRUE(way < 4 ? queue.WriteToFd(null.get(), count, sent) : queue.Ignore(some));
-      ASSERT_EQ(sent, static_cast<int>(some));
-      model.drop(some);
-    }
-    ASSERT_EQ(numbersOf(queue), (Numbers{model.size, model.published, model.consumed})) << i;
-  }
 }
 
 TEST(IOBuffer, CountsInPages) {

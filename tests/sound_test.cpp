@@ -66,38 +66,6 @@ TEST(Sound, WritesTheCanonicalHeader) {
   EXPECT_NE(file.GetFD(), -1);
 }
 
-TEST(Sound, FindsTheSamplesBehindOtherChunks) {
-  const std::string longChunk(4096 - 2, 'x');  // the tag lies across two blocks of the search
-  struct {
-    std::string chunks;
-    bool found;
-    uint32_t formatSize = 16;
-  } const rows[] = {
-      {std::string(2, '\0') + "data", true, 18},
-      {std::string(24, '\0') + "data", true, 40},
-      {"dada" + longChunk + "data", true},
-      {longChunk + "data", true},
-      {"d" + longChunk + "ata ", false},  // at an odd offset
-      {"dadata", false},                  // the second "da" is taken as the first one's other half
-      {"dadadata", true},
-      {"datda", false},
-  };
-  for (const auto& row : rows) {
-    Wav wav;
-    wav.chunks = row.chunks;
-    wav.formatSize = row.formatSize;
-    writeFile(kPath, wav.bytes());
-    uint16_t channels = 0;
-    uint32_t sampleRate = 0;
-    uint32_t dataSize = 0;
-    EXPECT_EQ(readWavHeader(kPath, channels, sampleRate, dataSize), row.found) << row.chunks;
-    EXPECT_TRUE(row.found ? channels == 2 && sampleRate == 16000 && dataSize == 8
-                          : channels + sampleRate + dataSize == 0);
-    EXPECT_TRUE(row.found ||
-                logged(kError, "Failed to read WAV header: data section not found", 0));
-  }
-}
-
 TEST(Sound, RefusesWhatIsNoSound) {
   const std::string bad = "Failed to read WAV header";
   struct {

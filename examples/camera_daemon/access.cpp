@@ -136,7 +136,8 @@ void Access::hear() {
 
 bool Access::startFarewell() {
   std::string program;
-  return getModulePath(program) && leaving.start(program, {"--farewell", std::to_string(port)});
+  return getModuleDir(program) &&
+         leaving.start(program + "/camera_daemon", {"--farewell", std::to_string(port)});
 }
 
 // What the client was asked, as the one in platform/host/tools records it.

@@ -170,7 +170,8 @@ class CameraDaemon {
     std::string status =
         "changes=" + std::to_string(ledger.counted("configuration changes")) +
         "\nattitudes=" + std::to_string(ledger.counted("attitude changes")) + "\nsettings=" +
-        std::to_string(ledger.counted("settings taken") + ledger.counted("settings refused"));
+        std::to_string(ledger.counted("settings taken") + ledger.counted("settings refused")) +
+        "\nlogged=" + std::to_string(ledger.counted("lines of the log, none lost or torn"));
     const auto done = [](const auto& scene) { return scene->done(); };
     if (ledger.counted("periodic timer") >= 3 && shots == kShots &&
         ledger.counted("wake-ups by the second thread") == kMotions &&

@@ -98,7 +98,7 @@ bool Neighbours::done() const {
 bool Neighbours::startProcesses() {
   std::string program;
   return place.acquire() == 0 && startup.Init() == 0 && startup.Set(kStarting) == 0 &&
-         getModulePath(program) && second.start(program, {"--second", ""}) &&
+         getModuleDir(program) && second.start(program += "/camera_daemon", {"--second", ""}) &&
          tenant.start(program, {"--tenant", ""});
 }
 

@@ -1,8 +1,8 @@
 #!/bin/sh
-# check.sh BUILD-FOLDER CXX CXXFLAGS: installs the library and builds and runs the first program
-# against the installation, once by find_package and once by pkg-config.
+# check.sh BUILD-FOLDER CXX CXXFLAGS [EMULATOR]: installs the library and builds and runs the first
+# program against the installation, once by find_package and once by pkg-config.
 set -eu
-build=$1 cxx=$2 flags=$3
+build=$1 cxx=$2 flags=$3 emulator=${4:-}
 here=$(dirname "$0")
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -13,7 +13,7 @@ echo "-- find_package"
 cmake -G Ninja -S "$here" -B "$work/consumer" -DCMAKE_PREFIX_PATH="$work/prefix" \
   -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_FLAGS="$flags" >"$work/log" &&
   cmake --build "$work/consumer" >>"$work/log" || { cat "$work/log"; exit 1; }
-"$work/consumer/first_program"
+$emulator "$work/consumer/first_program"
 
 echo "-- pkg-config"
 PKG_CONFIG_PATH=$(dirname "$(find "$work/prefix" -name vexo_utils.pc)")
@@ -22,7 +22,7 @@ libdir=$(pkg-config --variable=libdir vexo_utils)
 # shellcheck disable=SC2046,SC2086  # lists of words
 "$cxx" -std=c++17 $flags "$here/../../examples/first_program/main.cpp" -o "$work/program" \
   $(pkg-config --cflags --libs vexo_utils) "-Wl,-rpath,$libdir"
-"$work/program"
+$emulator "$work/program"
 
 echo "-- every header is complete by itself"
 for header in "$work"/prefix/include/vexo_utils/*.h; do

@@ -13,13 +13,6 @@ namespace vexo::test {
 
 namespace {
 
-struct State {
-  std::map<int, std::string> descriptors;
-  std::string blockedSignals;
-  std::string workingDirectory;
-  bool hasChildren = false;
-};
-
 std::string blockedSignals() {
   sigset_t set;
   pthread_sigmask(SIG_BLOCK, nullptr, &set);
@@ -36,21 +29,13 @@ bool hasChildren() {
   return waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0 || errno != ECHILD;
 }
 
-State look() {
-  return {openDescriptors(), blockedSignals(), std::filesystem::current_path(), hasChildren()};
-}
-
 class Compare : public testing::EmptyTestEventListener {
-  void OnTestStart(const testing::TestInfo&) override { before = look(); }
+  void OnTestStart(const testing::TestInfo&) override { before = processState(); }
   void OnTestEnd(const testing::TestInfo&) override {
-    const State after = look();
-    EXPECT_EQ(before.descriptors, after.descriptors) << "open descriptors changed";
-    EXPECT_EQ(before.blockedSignals, after.blockedSignals) << "the signal mask changed";
-    EXPECT_EQ(before.workingDirectory, after.workingDirectory) << "the working directory changed";
-    EXPECT_FALSE(after.hasChildren) << "a child is left";
+    EXPECT_EQ(before, processState()) << "left behind";
   }
 
-  State before;
+  std::string before;
 };
 
 }  // namespace
@@ -66,6 +51,15 @@ std::map<int, std::string> openDescriptors() {
   }
   closedir(folder);
   return all;
+}
+
+std::string processState() {
+  std::ostringstream text;
+  for (const auto& [fd, target] : openDescriptors()) text << fd << " is " << target << '\n';
+  text << "blocked signals: " << blockedSignals() << '\n'
+       << "working directory: " << std::filesystem::current_path() << '\n'
+       << "children: " << (hasChildren() ? "some" : "none") << '\n';
+  return text.str();
 }
 
 void installLeftoversCheck() {

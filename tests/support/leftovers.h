@@ -10,6 +10,9 @@ namespace vexo::test {
 // Every open descriptor and what it refers to.
 std::map<int, std::string> openDescriptors();
 
+// All that a test must leave as it was, as lines of text.
+std::string processState();
+
 // Called by the tests' main; compares around every test.
 void installLeftoversCheck();
 

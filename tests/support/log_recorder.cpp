@@ -1,9 +1,14 @@
 #include "log_recorder.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <mutex>
 #include <sstream>
 #include <vector>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 #include "vexo/host/log_sink.h"
 
@@ -19,9 +24,15 @@ struct Line {
 
 std::mutex mutex;
 std::vector<Line> lines;  // guarded by mutex
+int seenLines = -1;
+bool onlyTrouble = false;
+bool trouble = false;
 
 void record(void*, const host::LogRecord& record) {
   const std::lock_guard lock(mutex);
+  if (seenLines >= 0) dprintf(seenLines, "%s:%d\n", record.file, record.line);
+  if (record.level <= kWarning) trouble = true;
+  if (onlyTrouble) return;
   lines.push_back({record.level, record.error, record.message});
 }
 
@@ -33,13 +44,16 @@ std::string listOf(const std::vector<Line>& all) {
   return text.str();
 }
 
+bool isTrouble(const Line& line) {
+  return line.level <= kWarning;
+}
+
 class Strict : public testing::EmptyTestEventListener {
   void OnTestStart(const testing::TestInfo&) override { forgetLog(); }
   void OnTestEnd(const testing::TestInfo&) override {
     const std::lock_guard lock(mutex);
     std::vector<Line> unexpected;
-    std::copy_if(lines.begin(), lines.end(), std::back_inserter(unexpected),
-                 [](const Line& line) { return line.level <= kWarning; });
+    std::copy_if(lines.begin(), lines.end(), std::back_inserter(unexpected), isTrouble);
     if (!unexpected.empty()) ADD_FAILURE() << "logged unexpectedly:" << listOf(unexpected);
   }
 };
@@ -58,12 +72,34 @@ testing::AssertionResult logged(int level, const std::string& text, int error) {
   return testing::AssertionSuccess();
 }
 
+bool hasTrouble(int error) {
+  const std::lock_guard lock(mutex);
+  const auto isOther = [](const Line& line) { return isTrouble(line) && line.error != 0; };
+  const auto isThis = [&](const Line& line) { return isTrouble(line) && line.error == error; };
+  return trouble && (error == kAnyErrno || std::none_of(lines.begin(), lines.end(), isOther) ||
+                     std::any_of(lines.begin(), lines.end(), isThis));
+}
+
+void recordTroubleOnly() {
+  forgetLog();
+  onlyTrouble = true;
+}
+
 void forgetLog() {
   const std::lock_guard lock(mutex);
   lines.clear();
+  trouble = false;
 }
 
 void installLogRecorder() {
+  const char* file = std::getenv("VEXO_SEEN_LINES");
+  // High, so that tests find the numbers free that they expect.
+  constexpr int kHigh = 200;
+  if (file != nullptr) {
+    const int fd = open(file, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
+    seenLines = fcntl(fd, F_DUPFD_CLOEXEC, kHigh);
+    close(fd);
+  }
   host::setLogLevel(-1);
   host::setLogSink(record, nullptr);
   testing::UnitTest::GetInstance()->listeners().Append(new Strict);

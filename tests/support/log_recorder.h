@@ -24,10 +24,19 @@ inline testing::AssertionResult refused(bool done, const std::string& text, int 
   return logged(kError, text, error);
 }
 
+// Whether errors or warnings were recorded that are not asked for yet; of those with an errno one
+// must have this.
+bool hasTrouble(int error);
+
+// For where there is no memory: from here on, of all lines only whether there were errors or
+// warnings is recorded.
+void recordTroubleOnly();
+
 // Takes back all that was recorded in this test.
 void forgetLog();
 
-// Called by the tests' main.
+// Called by the tests' main. The environment variable VEXO_SEEN_LINES names a file to which every
+// place that logs is added, as "FILE:LINE".
 void installLogRecorder();
 
 }  // namespace vexo::test

@@ -1,6 +1,7 @@
 #include "vexo_utils/auth.h"
 
 #include <array>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -44,7 +45,14 @@ class Accounts {
   Accounts(const Accounts&) = delete;
   Accounts& operator=(const Accounts&) = delete;
 
-  const passwd* next() { return getpwent(); }
+  // Null at the end, where getpwent(3) leaves errno as it was.
+  const passwd* next() {
+    for (;;) {
+      errno = 0;
+      const passwd* account = getpwent();
+      if (account != nullptr || errno != EINTR) return account;
+    }
+  }
 };
 
 // "^\$[156]\$[0-9a-zA-Z/\.]+\$" as regcomp(3) has it, where a '\' between brackets is itself; by

@@ -81,7 +81,7 @@ bool Logread::Lock() {
 }
 
 bool Logread::Unlock() {
-  return semop(semaphoreId, &releaseOperation, 1) == 0;
+  return retryOnEintr([&] { return semop(semaphoreId, &releaseOperation, 1); }) == 0;
 }
 
 void Logread::ForEachNoLock(void (*callback)(const char*, unsigned int, void*), void* context) {

@@ -11,11 +11,13 @@
 #include <unistd.h>
 
 #include "internal/log.h"
+#include "internal/retry.h"
 #include "internal/unique_fd.h"
 #include "vexo_utils/timer.h"
 
 namespace vexo::utils {
 
+using internal::retryOnEintr;
 using internal::UniqueFd;
 
 namespace {
@@ -123,7 +125,8 @@ ShmpBuf_t* shmpInit(const char* name, unsigned int size, int flags) {
   const UniqueFd fd = openBlock(name, flags == kWriter ? O_RDWR | O_CREAT : O_RDWR);
   if (!fd.valid()) return nullptr;
   const uint64_t blockSize = uint64_t{size} + sizeof(ShmpBuf_t);
-  if (flags == kWriter && ftruncate(fd.get(), static_cast<off_t>(blockSize)) != 0) {
+  const auto setSize = [&] { return ftruncate(fd.get(), static_cast<off_t>(blockSize)); };
+  if (flags == kWriter && retryOnEintr(setSize) != 0) {
     VEXO_LOG_ERROR_ERRNO("ftruncate failed");
     return nullptr;
   }

@@ -76,7 +76,8 @@ bool findData(File& file) {
   for (;;) {
     const uint64_t start = file.Cursor();
     const uint64_t size = std::min<uint64_t>(sizeLeft(file), block.size()) & ~uint64_t{1};
-    if (size == 0 || !file.ReadBuffer(block.data(), size)) return false;
+    // Never 0 behind a header: it cannot be told.
+    if (start == 0 || size == 0 || !file.ReadBuffer(block.data(), size)) return false;
     for (std::size_t at = 0; at < size; at += 2) {
       const auto wordIs = [&](const char* text) {
         return std::memcmp(block.data() + at, text, 2) == 0;

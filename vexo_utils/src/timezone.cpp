@@ -4,7 +4,6 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -50,10 +49,12 @@ class Temporary {
   // The name of a file becomes a symbolic link's.
   bool makeLink(const std::string& target) {
     if (!makeFile().valid()) return false;
-    remove();
-    exists = symlink(target.c_str(), name.c_str()) == 0;
-    if (!exists) VEXO_LOG_ERROR_ERRNO("Failed to create sym link");
-    return exists;
+    if (!remove() || symlink(target.c_str(), name.c_str()) != 0) {
+      VEXO_LOG_ERROR_ERRNO("Failed to create sym link");
+      return false;
+    }
+    exists = true;
+    return true;
   }
 
   bool replace(const char* target) {
@@ -66,8 +67,9 @@ class Temporary {
   }
 
  private:
-  void remove() {
-    if (std::exchange(exists, false)) unlink(name.c_str());
+  bool remove() {
+    if (exists) exists = unlink(name.c_str()) != 0;
+    return !exists;
   }
 
   std::string name;

@@ -1,8 +1,5 @@
-// The camera that this machine stands in for: the JSON file that the environment variable
-// VEXO_CAMERA_INFO names. platform/host/boards/ has one for each kind of board.
+// How the description is read, wherever it comes from (camera_description.cpp).
 #include "vexo/variant/CameraInfo.h"
-
-#include <cstdlib>
 
 #include "vexo/log.h"
 
@@ -12,7 +9,6 @@ namespace {
 
 constexpr const char* kModule = "vexo_platform";
 constexpr int kError = 3;
-constexpr int kWarning = 4;
 
 constexpr std::uint64_t kMaxFlag = 255;  // a flag that is stored as a number is a byte
 
@@ -27,17 +23,6 @@ constexpr std::uint64_t kMaxFlag = 255;  // a flag that is stored as a number is
 CameraInfo& CameraInfo::instance() {
   static CameraInfo& info = *new CameraInfo;
   return info;
-}
-
-CameraInfo::CameraInfo() {
-  const char* const path = std::getenv("VEXO_CAMERA_INFO");
-  if (path == nullptr) {
-    logInternal(kModule, __FILE__, __func__, __LINE__, kWarning, 0, 0,
-                "No camera description: VEXO_CAMERA_INFO is not set");
-  } else if (!Variant::FromJSONFile(path, description_)) {
-    logInternal(kModule, __FILE__, __func__, __LINE__, kWarning, 0, 0,
-                "No camera description: \"%s\" cannot be read", path);
-  }
 }
 
 // The entry of a key that every camera has.

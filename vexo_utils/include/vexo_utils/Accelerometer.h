@@ -24,6 +24,7 @@
 
 namespace vexo::utils {
 
+// One reading.
 struct axis_t {
   int32_t x;
   int32_t y;

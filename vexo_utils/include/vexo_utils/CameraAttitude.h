@@ -36,6 +36,7 @@ std::string toString(T value) = delete;
 template <>
 VEXO_UTILS_API std::string toString<Attitude>(Attitude attitude);
 
+// What the angles say.
 struct RPAttitude {
   double roll = 0.0;   // degrees, -180 to 180
   double pitch = 0.0;  // degrees, -90 to 90
@@ -122,6 +123,8 @@ struct AttitudeDecision {
   Attitude attitude;  // `before` when no rule decided
   const char* rule;   // which one decided, in words; never null
 };
+// Judges `reading` after one that gave `before`. The board is that of the description, which must
+// have what init wants.
 VEXO_UTILS_API AttitudeDecision explainAttitude(const axis_t& reading, Attitude before);
 
 }  // namespace vexo::utils

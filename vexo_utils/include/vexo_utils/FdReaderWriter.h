@@ -25,9 +25,11 @@ namespace vexo::utils {
 
 class VEXO_UTILS_API FdReaderWriter : public IReaderWriter {
  public:
+  // -1: none yet.
   explicit FdReaderWriter(int fd = -1) { SetFD(fd); }
   ~FdReaderWriter() override;
 
+  // The descriptor from now on; the one before is left as it is.
   void SetFD(int fd);
   int GetFD() const;
 
@@ -79,8 +81,8 @@ class VEXO_UTILS_API FdReaderWriter : public IReaderWriter {
   bool Flush() override;
 
  protected:
-  int descriptor = -1;
-  int lastError = -1;  // errno of the last -1 of a read or write, also of one that was tried again
+  int descriptor = -1;  // -1: none
+  int lastError = -1;   // errno of the last -1 of a read or write, also of one that was tried again
 
  private:
   std::function<int(int, void*, unsigned int)> readFunc = ::read;

@@ -34,6 +34,7 @@ class VEXO_UTILS_API InterProcessMutex {
   // 0: released, or not acquired. -1: not released. -2: released, but close(2) failed.
   int release();
 
+  // By this object.
   bool isAcquired() const;
 
  private:

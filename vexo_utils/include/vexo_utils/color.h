@@ -58,7 +58,6 @@ VEXO_UTILS_API RGB YUV_to_RGB(const YUV& yuv);
 // For Lab and YUV, which is taken through RGB and XYZ first; other types do not compile.
 template <typename Color>
 double diff_ciede2000(const Color& one, const Color& other) = delete;
-
 template <>
 VEXO_UTILS_API double diff_ciede2000<Lab>(const Lab& one, const Lab& other);
 template <>

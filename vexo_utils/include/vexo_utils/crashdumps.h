@@ -137,4 +137,5 @@ class VEXO_UTILS_API CrashDumpHandler {
   void* frames[kFrames] = {};
 };
 
+// The one of this process.
 extern VEXO_UTILS_API CrashDumpHandler gCrashDumper;

@@ -9,9 +9,8 @@
 //            the place of the others. Descriptors 3 to 255 are closed; above that, those of the
 //            caller that are not close-on-exec reach it (the library's own all are).
 // Signals:   SIGCHLD must not be ignored, or the kernel throws the child's status away: service
-// then
-//            fails with code 100, a daemon's start with code 50. A child that closes its standard
-//            input does not raise SIGPIPE in the caller.
+//            then fails with code 100, a daemon's start with code 50. A child that closes its
+//            standard input does not raise SIGPIPE in the caller.
 // Failure:   false and a code, see SysExec; helpers log.
 #pragma once
 
@@ -67,7 +66,8 @@ class VEXO_UTILS_API SysExec {
   // What the child reads from its standard input, to its end.
   SysExec& setIn(const std::string& data);
   // Where its standard output goes: appended to the caller's vector (null: thrown away), or written
-  // to the caller's descriptor, which is used until stop and never closed. With both, the vector.
+  // to the caller's descriptor, which is never closed. Either is used until stop or the destructor,
+  // which still takes what has been written: it must live as long. With both, the vector.
   SysExec& setOut(std::vector<char>* target);
   SysExec& setOut(int fd);
   // Standard error, likewise.

@@ -26,6 +26,7 @@ static_assert(sizeof(off_t) == 8, "build with -D_FILE_OFFSET_BITS=64, as the lib
 
 namespace vexo::utils {
 
+// How a file is opened.
 enum FILE_OPEN_MODE : unsigned int {
   FILE_OPEN_READ = 0,
   FILE_OPEN_READ_WRITE = 1,  // an existing file
@@ -51,6 +52,7 @@ class VEXO_UTILS_API File : public FdReaderWriter {
   // Closes the descriptor and forgets path and size. Nothing to do when nothing is open.
   void Close();
 
+  // The path, "" before the first Initialize and after Close.
   std::string& GetPath();
 
   // False also after a read or write call has given -1, be it for EINTR and repeated, until the
@@ -74,8 +76,8 @@ class VEXO_UTILS_API File : public FdReaderWriter {
   bool SeekBehind(int64_t count);
   bool SeekTo(uint64_t position);
 
-  // Whether nothing is behind the cursor. Any failure counts as the end, also that of returning to
-  // a cursor which is beyond the known size; it is at the file's end then.
+  // Whether the cursor is at the file's end; beyond it, it is not. Any failure counts as the end,
+  // also that of returning to a cursor beyond the known size; it is at the file's end then.
   bool IsEOF();
 
   // As the read of the same name, after which the cursor goes back to where it was. After a failure

@@ -114,6 +114,7 @@ VEXO_UTILS_API bool touchFile(const std::string& path, bool create, int dirfd);
 // file in the place of a folder are failures, an empty path too.
 VEXO_UTILS_API bool mkdirP(const std::string& path, bool syncParent, unsigned int mode, int dirfd);
 
+// A stream that knows its file.
 struct NamedFStream : std::fstream {
   std::string name;  // of the file that is open
 };

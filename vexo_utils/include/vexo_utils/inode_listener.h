@@ -21,6 +21,7 @@
 
 namespace vexo::utils {
 
+// Who is told.
 class VEXO_UTILS_API IInodeNotifier {
  public:
   virtual ~IInodeNotifier();
@@ -35,6 +36,7 @@ class VEXO_UTILS_API IInodeNotifier {
 // Forwards to a plain function; a null one is not called.
 class VEXO_UTILS_API BareInodeNotifier : public IInodeNotifier {
  public:
+  // The function may be called for as long as the notifier lives.
   explicit BareInodeNotifier(void (*function)(const std::string& name, unsigned int mask));
 
   void notify(const std::string& name, unsigned int mask) override;
@@ -52,6 +54,7 @@ class VEXO_UTILS_API InodeListener {
     WatchObject& operator=(const WatchObject&) = delete;
     ~WatchObject();
 
+    // The watch descriptor, the compiled names and whether they are compiled.
     int wd = -1;
     regex_t regex{};
     bool compiled = false;

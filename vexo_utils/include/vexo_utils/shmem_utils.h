@@ -13,6 +13,7 @@
 
 namespace vexo::utils {
 
+// Calls shmdt(2).
 struct VEXO_UTILS_API ShmemDetach {
   void operator()(void* address) const;
 };

@@ -16,6 +16,7 @@
 
 namespace vexo::utils {
 
+// Any byte.
 enum startup_control_file_state_t : unsigned char {};
 
 class VEXO_UTILS_API StartupControlFile {
@@ -65,6 +66,7 @@ class VEXO_UTILS_API StartupControlFile {
   static int AwaitProcRestart(const std::string& processName, bool (*cancelled)(),
                               unsigned int forceAfterSeconds);
 
+  // The file stays, with its state. Init may follow.
   void Close();
 
  private:

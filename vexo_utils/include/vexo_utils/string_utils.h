@@ -87,7 +87,7 @@ VEXO_UTILS_API bool stringToTimeval(const char* text, unsigned int length, timev
 
 // Writes the time in UTC, with "+00:00"; microseconds are cut off. Of `tv_usec` / 1000 the low 16
 // bits count, modulo 1000. The form holds for the years 1000 to 9999; others have as many digits as
-// they need, and a time beyond gmtime(3) has an empty date.
+// they need. Above eight, and beyond gmtime(3), the date is empty.
 VEXO_UTILS_API std::string timevalToString(const timeval* tv);
 
 // ---- names and texts of the camera ----
@@ -111,10 +111,10 @@ VEXO_UTILS_API std::string generateOsdTimeString(const char* fmt);
 // A name that cannot be converted (an ASCII form longer than a label's 63 bytes, no UTF-8) is
 // logged as the warning "idn2_to_ascii_8z conversion fail from string ...", and the result is made
 // of the camera's description, as it is while libidn2.so.0, which the first call loads, cannot be
-// loaded (the error "Failed to load library: REASON"): "NAME-HWADDR", with the bytes of "hwaddr" from the ninth on, and
-// each ' ' as '-'. CameraInfo::getString says what a description without "name" leads to
-// (forceCrash). A description without "hwaddr" gets it as "", which is a change that no lock
-// guards; that, as any of less than 8 bytes, throws std::out_of_range.
+// loaded (the error "Failed to load library: REASON"): "NAME-HWADDR", with the bytes of "hwaddr"
+// from the ninth on, and each ' ' as '-'. CameraInfo::getString says what a description without
+// "name" leads to (forceCrash). A description without "hwaddr" gets it as "", which is a change
+// that no lock guards; that, as any of less than 8 bytes, throws std::out_of_range.
 //
 // "" when there is no host name to be had, or it has 64 bytes, the kernel's longest: the error
 // "Failed to get hostname". The steps are logged at debug level.

@@ -7,8 +7,7 @@
 // Rights:    raising needs CAP_SYS_NICE or room in RLIMIT_RTPRIO.
 // Threads:   all functions may be called from any thread.
 // Failure:   false and the error "Unable to set priority to N" with errno. Success is logged too,
-// at
-//            info level: "Pid P has priority N", "Tid T has priority N".
+//            at info level: "Pid P has priority N", "Tid T has priority N".
 #pragma once
 
 #include <vexo_utils/export.h>

@@ -57,8 +57,9 @@ VEXO_UTILS_API int getOffsetUTC(unsigned long long wallMs);
 // True when the time service has synchronised the wall clock within the last `maxAgeSec` seconds.
 // It leaves the monotonic milliseconds of its last success as decimal text in
 // /etc/last_timesync_monotonic_ts. No such file: false, silently. A file that cannot be read
-// ("Failed to open timesync timestamp") or holds no positive number ("Timesync timestamp file
-// contents invalid: '...'"): false, logged as an error.
+// ("Failed to open timesync timestamp") or holds no number above 0, as strtoull(3)
+// reads it, to which "-1" is a large one ("Timesync timestamp file contents invalid: '...'"):
+// false, logged as an error.
 VEXO_UTILS_API bool isTimeSyncedLately(unsigned long long maxAgeSec);
 
 // ---- text ----
@@ -102,6 +103,7 @@ class PeriodPrint {
   // ready (with 0, all of them).
   PeriodPrint(long periodSec, unsigned int minRefused) : period(periodSec), count(minRefused) {}
 
+  // True in such a second, when enough calls have been refused since the last time.
   bool isReady() {
     if (period == 0) return true;
     if (moment().tv_sec % period == 0 && counter >= count) {

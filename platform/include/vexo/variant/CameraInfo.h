@@ -24,6 +24,7 @@ namespace vexo::variant {
 
 class CameraInfo {
  public:
+  // The one there is; the first call reads the description.
   static CameraInfo& instance();
 
   CameraInfo(const CameraInfo&) = delete;

@@ -27,6 +27,7 @@ namespace vexo::variant {
 
 class Variant {
  public:
+  // The kinds of values, and what lists and maps are held as.
   enum class Type { Null, Bool, Signed, Unsigned, Double, String, Timeval, List, Map };
   using List = std::vector<Variant>;
   using Map = std::map<std::string, Variant>;
