@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <functional>
 #include <string>
-#include <thread>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -257,13 +256,6 @@ TEST(File, ReadsAllOfAFileThatChangesMeanwhile) {
   }
   EXPECT_TRUE(logged(kWarning, "Unable to read 10 bytes. EOF"));
   EXPECT_TRUE(logged(kError, "Unable to read data"));
-
-  FileWith file("");
-  std::thread writer([] {
-    for (std::uintmax_t size = 1; size < 20'000; ++size) fs::resize_file(kPath, size);
-  });
-  for (std::string text; text.size() < 19'999;) ASSERT_TRUE(file.ReadStringAll(text));
-  writer.join();
 }
 
 TEST(File, AFullDiskIsReported) {

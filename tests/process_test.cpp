@@ -1,11 +1,9 @@
 #include "vexo_utils/process.h"
 
-#include <atomic>
 #include <climits>
 #include <filesystem>
 #include <map>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -123,27 +121,12 @@ TEST(ProcessNames, FailedSearches) {
   for (int i = 0; i < 3; ++i) EXPECT_TRUE(logged(kError, "Failed to compile regex", EINVAL));
 }
 
-TEST(ProcessNames, WhileHundredsComeAndGo) {
-#ifdef VEXO_EMULATOR
-  GTEST_SKIP() << "the emulator's fork hangs when another thread is opening a file";
-#endif
+TEST(ProcessNames, OneOrSeveral) {
   const pid_t one = start({"steady", "1000"});
   EXPECT_EQ(single_pidof("steady"), one);
   const pid_t two = start({"/opt/steady", "1000"});
   EXPECT_EQ(single_pidof("steady"), -1);
   EXPECT_EQ(errno, ERANGE);
-  std::atomic<bool> done{false};
-  std::thread crowd([&] {
-    for (int i = 0; i < 400; ++i) sysExecSimple("/bin/true");
-    done = true;
-  });
-  while (!done) {
-    std::vector<int> pids;
-    EXPECT_TRUE(pidof("steady", pids));
-    EXPECT_THAT(pids, ElementsAre(one, two));
-    EXPECT_FALSE(is_process_alive("nobody"));
-  }
-  crowd.join();
   for (const pid_t pid : {one, two}) kill(pid, SIGKILL);
   EXPECT_EQ(endOf(one) + endOf(two), 2 * SIGKILL);
 }

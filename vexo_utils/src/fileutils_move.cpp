@@ -97,12 +97,32 @@ bool logNoOpen(const char* path) {
   return false;
 }
 
+bool isSameFile(const struct stat& one, const struct stat& other) {
+  return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+// False with errno.
+bool isRegularFile(const struct stat& st) {
+  if (S_ISREG(st.st_mode)) return true;
+  errno = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
+  return false;
+}
+
+// False with errno: what has its name now was not copied.
+bool isStill(const char* path, int dirfd, const struct stat& before) {
+  struct stat now {};
+  if (fstatat(dirfd, path, &now, AT_SYMLINK_NOFOLLOW) != 0) return false;
+  if (isSameFile(now, before)) return true;
+  errno = EBUSY;
+  return false;
+}
+
 // Opens a destination and empties it, unless it is the source, which would be lost.
 UniqueFd openDestination(const char* path, int dirfd, const struct stat& source) {
   UniqueFd fd = openAt(dirfd, path, O_WRONLY | O_CREAT, source.st_mode & kAccessBits);
   struct stat st {};
   if (!fd.valid() || fstat(fd.get(), &st) != 0) return {};
-  if (st.st_dev == source.st_dev && st.st_ino == source.st_ino) {
+  if (isSameFile(st, source)) {
     errno = EINVAL;
     return {};
   }
@@ -132,13 +152,12 @@ bool copyFile(const char* src, const char* dst, int srcDirFd, int dstDirFd) {
     logNoAccess(src);
     return false;
   }
-  if (!S_ISREG(st.st_mode)) {  // before it is opened, which has effects on FIFOs and devices
-    errno = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
-    return logNoOpen(src);
-  }
-  const UniqueFd srcFd = openAt(srcDirFd, src, O_RDONLY);
+  // Before it is opened, which has effects on devices.
+  if (!isRegularFile(st)) return logNoOpen(src);
+  // A FIFO that has taken its place would be waited for.
+  const UniqueFd srcFd = openAt(srcDirFd, src, O_RDONLY | O_NONBLOCK);
   // Once more, of what was opened: it is what must not be emptied.
-  if (!srcFd.valid() || fstat(srcFd.get(), &st) != 0) return logNoOpen(src);
+  if (!srcFd.valid() || fstat(srcFd.get(), &st) != 0 || !isRegularFile(st)) return logNoOpen(src);
   const UniqueFd dstFd = openDestination(dst, dstDirFd, st);
   if (!dstFd.valid()) return logNoOpen(dst);
   return copyFile(srcFd.get(), dstFd.get());
@@ -160,11 +179,13 @@ bool renameFile(const char* from, const char* to, int fromDirFd, int toDirFd) {
     VEXO_LOG_ERROR_ERRNO("Could not rename file '%s' -> '%s'", shown(from), shown(to));
     return false;
   }
-  if (!copyFile(from, to, fromDirFd, toDirFd)) {
+  struct stat before {};
+  const bool seen = fstatat(fromDirFd, from, &before, AT_SYMLINK_NOFOLLOW) == 0;
+  if (!seen || !copyFile(from, to, fromDirFd, toDirFd)) {
     VEXO_LOG_ERROR("Could not copy file (fallback to rename) '%s' -> '%s'", from, to);
     return false;
   }
-  if (!rmRf(from, fromDirFd)) {
+  if (!isStill(from, fromDirFd, before) || !rmRf(from, fromDirFd)) {
     VEXO_LOG_ERROR_ERRNO("Could not delete src file (fallback to rename) '%s'", from);
     return false;
   }

@@ -154,7 +154,7 @@ VEXO_UTILS_API bool cpR(const std::string& src, const std::string& dst);
 // source goes only after a complete copy, and a reader may see `to` incomplete.
 // False: "Could not rename file '%s' -> '%s'"; "Could not copy file (fallback to rename) '%s' ->
 // '%s'", with the source kept and `to` perhaps incomplete; "Could not delete src file (fallback to
-// rename) '%s'", with both there.
+// rename) '%s'", with both there (EBUSY: another file has taken the name since, and stays).
 VEXO_UTILS_API bool renameFile(const char* from, const char* to, int fromDirFd, int toDirFd);
 
 // ---- removing ----

@@ -17,7 +17,7 @@ void PathWatch::add(const std::string& path) {
   if (watch(path.substr(0, slash + 1))) return;
   // From the top down: what is made while this runs is either watched itself or seen from above.
   watch(path.front() == '/' ? "/" : ".");
-  for (std::size_t end = path.find('/', 1); end < slash; end = path.find('/', end + 1)) {
+  for (std::size_t end = path.find('/', 1); end <= slash; end = path.find('/', end + 1)) {
     if (!watch(path.substr(0, end))) return;
   }
 }
