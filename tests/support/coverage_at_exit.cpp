@@ -5,7 +5,9 @@
 #include <atomic>
 
 #include <dlfcn.h>
+#include <signal.h>
 #include <sys/syscall.h>
+#include <ucontext.h>
 #include <unistd.h>
 
 namespace {
@@ -18,7 +20,19 @@ const Dump dumpLibrary = [] {
   return library != nullptr ? reinterpret_cast<Dump>(dlsym(library, "__gcov_dump")) : nullptr;
 }();
 
-std::atomic<bool> dumping{false};  // a watchdog may end what hangs in there
+std::atomic<bool> dumping{false};
+char stack[1 << 18];  // a crash has too small a one for this
+int exitStatus = 0;
+
+// What has crashed may hang in there, as for a lock that it holds itself: for a second only.
+void dumpAndExit() {
+  struct sigaction end {};
+  end.sa_handler = [](int) { syscall(SYS_exit_group, exitStatus); };
+  sigaction(SIGALRM, &end, nullptr);
+  alarm(1);
+  dumpLibrary();
+  for (;;) syscall(SYS_exit_group, exitStatus);
+}
 
 }  // namespace
 
@@ -26,7 +40,15 @@ std::atomic<bool> dumping{false};  // a watchdog may end what hangs in there
 #define VISIBLE __attribute__((visibility("default"), noreturn))
 
 extern "C" VISIBLE void _exit(int status) {
-  if (dumpLibrary != nullptr && !dumping.exchange(true)) dumpLibrary();
+  if (dumpLibrary != nullptr && !dumping.exchange(true)) {
+    exitStatus = status;
+    ucontext_t context{};
+    getcontext(&context);
+    context.uc_stack.ss_sp = stack;
+    context.uc_stack.ss_size = sizeof stack;
+    makecontext(&context, dumpAndExit, 0);
+    setcontext(&context);
+  }
   for (;;) syscall(SYS_exit_group, status);
 }
 

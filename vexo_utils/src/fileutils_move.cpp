@@ -175,7 +175,7 @@ bool renameFile(const char* from, const char* to, int fromDirFd, int toDirFd) {
   errno = EFAULT;
   const bool named = from != nullptr && to != nullptr;
   if (named && renameat(fromDirFd, from, toDirFd, to) == 0) return true;
-  if (errno != EXDEV) {
+  if (!named || errno != EXDEV) {
     VEXO_LOG_ERROR_ERRNO("Could not rename file '%s' -> '%s'", shown(from), shown(to));
     return false;
   }

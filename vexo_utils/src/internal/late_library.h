@@ -38,4 +38,5 @@ class LateLibrary {
 }  // namespace vexo::utils::internal
 
 // A member of a class that is derived from LateLibrary: the library's function, under its own name.
+// NOLINTNEXTLINE(bugprone-macro-parentheses): a name that is declared
 #define VEXO_LATE_FUNCTION(name) decltype(&::name) name = find<decltype(&::name)>(#name)
