@@ -30,6 +30,7 @@
 #include "files.h"
 #include "in_child.h"
 #include "internal/unique_fd.h"
+#include "leftovers.h"
 #include "log_recorder.h"
 #include "log_ring.h"
 #include "process_state.h"
@@ -312,11 +313,15 @@ const std::vector<Scenario> kScenarios = {
        SysExec runner;
        return runner.setExe("/bin/sleep").setArgs({"1"}).start();
      })},
-    {"exec", "a daemon", kSilent, plain([] {
+    {"exec", "a daemon", kSilent,
+     [](const During& during) {
        SysExec runner;
        runner.setExe("/bin/true").setIn("").setOut(nullptr).setErr(nullptr).setDaemon(true);
-       return runner.start();
-     })},
+       const auto before = openDescriptors();
+       const bool started = during([&] { return runner.start(); });
+       EXPECT_TRUE(started || openDescriptors() == before);  // without a stop, too
+       return started;
+     }},
     {"process", "ids", 0, plain([] {
        std::vector<int> pids;
        return pidof("faults_test", pids) && store_pid("faults");

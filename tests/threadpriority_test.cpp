@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <climits>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -11,6 +12,7 @@
 
 #include "in_child.h"
 #include "log_recorder.h"
+#include "wait.h"
 
 namespace {
 
@@ -55,6 +57,13 @@ TEST(ThreadPriority, IsSetOrStaysAsItIs) {
 
 TEST(ThreadPriority, NeedsAThreadAndAProcess) {
   EXPECT_FALSE(SetRealTimePriority(INT_MAX, 0, SCHED_OTHER));
+  EXPECT_TRUE(logged(kError, "Unable to set priority to 0", ESRCH));
+  std::thread ended([] {});
+  EXPECT_TRUE(eventually([&] {
+    errno = 0;  // which it leaves alone: of a thread that has ended, the kernel is not asked
+    return !SetThreadRealTimePriority(ended.native_handle(), 0, SCHED_OTHER);
+  }));
+  ended.join();
   EXPECT_TRUE(logged(kError, "Unable to set priority to 0", ESRCH));
   const auto passZero = [] {
     signal(SIGSEGV, [](int) { _exit(42); });
