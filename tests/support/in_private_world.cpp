@@ -1,11 +1,13 @@
 // in_private_world KEEP PROGRAM [ARGUMENT...]: executes a program in a private world.
-// KEEP is the folder that stays as it is inside.
+// KEEP: the folders that stay as they are inside, with ':' between them.
 
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include <unistd.h>
 
@@ -29,7 +31,10 @@ int main(int argc, char** argv) {
                  reason.c_str());
     return 1;
   };
+  std::vector<std::string> kept;
+  std::istringstream folders(argv[1]);
+  for (std::string folder; std::getline(folders, folder, ':');) kept.push_back(folder);
   // Ctrl-C at the terminal is for the program: this process only waits for it.
   std::signal(SIGINT, SIG_IGN);
-  return vexo::test::runInPrivateWorld({argv[1]}, execute, refuse);
+  return vexo::test::runInPrivateWorld(kept, execute, refuse);
 }
