@@ -94,7 +94,12 @@ int main(int argc, char** argv) {
   if (is("paint")) handleBefore(nullptr, reportStack);
 
   if (!InstallCrashDumpHandler(argv[1])) return 80;
-  if (is("again") && !InstallCrashDumpHandler("again")) return 81;
+  if (is("again")) {
+    const int next = dup(STDIN_FILENO);
+    close(next);
+    if (!InstallCrashDumpHandler("again")) return 81;
+    if (dup(STDIN_FILENO) > next) return 82;  // the first one's file is still open
+  }
 
   if (is("paint")) {
     sigaltstack(nullptr, &painted);
