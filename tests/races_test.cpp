@@ -2,11 +2,13 @@
 // changes the world exactly then.
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <cerrno>
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -38,6 +40,7 @@
 #include "vexo_utils/sound.h"
 #include "vexo_utils/startupcontrolfile.h"
 #include "vexo_utils/timezone.h"
+#include "wait.h"
 
 namespace vexo::utils {
 namespace {
@@ -269,6 +272,26 @@ TEST_F(Races, ATimerThatIsRemovedKeepsItsNumberWhileItIsSet) {
   itimerspec set{};
   timerfd_gettime(other.get(), &set);
   EXPECT_EQ(set.it_value.tv_sec, 0);
+}
+
+TEST_F(Races, AWakeUpNeverFindsHalfAPipe) {
+  Scheduler scheduler;
+  ASSERT_TRUE(scheduler.Init());
+  std::atomic<pid_t> id{0};
+  std::thread waker;
+  before("close", 2, [&] {  // the first was that of the end to read
+    waker = std::thread([&] {
+      id = gettid();
+      scheduler.WakeUp();
+    });
+    const auto hasEndedOrWaits = [&] {
+      const std::string stat = readFile("/proc/self/task/" + std::to_string(id) + "/stat");
+      return id != 0 && (stat.empty() || stat.find(") S ") != std::string::npos);
+    };
+    EXPECT_TRUE(eventually(hasEndedOrWaits));
+  });
+  EXPECT_TRUE(scheduler.Stop());
+  waker.join();
 }
 
 TEST_F(Races, APipeIsNeverForProgramsThatOthersStart) {

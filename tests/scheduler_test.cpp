@@ -326,16 +326,6 @@ TEST_F(SchedulerTest, WakeUpFromAnotherThreadEndsAnInterruptedWait) {
   for (int i = 0; i < 70'000; ++i) ASSERT_TRUE(scheduler.WakeUp());  // a full pipe is no failure
 }
 
-TEST_F(SchedulerTest, WakeUpsMayComeWhileItStops) {
-  std::atomic<bool> done{false};
-  std::thread waker([&] {
-    while (!done) scheduler.WakeUp();
-  });
-  for (int i = 0; i < 1000; ++i) EXPECT_TRUE(scheduler.Stop() && scheduler.Init());
-  done = true;
-  waker.join();
-}
-
 TEST_F(SchedulerTest, OtherThreadsAddAndRemoveWhileItServes) {
   std::atomic<int> working{3};
   std::atomic<int> wrong{0};
