@@ -274,24 +274,27 @@ TEST_F(Races, ATimerThatIsRemovedKeepsItsNumberWhileItIsSet) {
   EXPECT_EQ(set.it_value.tv_sec, 0);
 }
 
-TEST_F(Races, AWakeUpNeverFindsHalfAPipe) {
+TEST_F(Races, AWakeUpIsNeverWrittenElsewhere) {
   Scheduler scheduler;
   ASSERT_TRUE(scheduler.Init());
   std::atomic<pid_t> id{0};
-  std::thread waker;
-  before("close", 2, [&] {  // the first was that of the end to read
-    waker = std::thread([&] {
+  std::thread stopper;
+  UniqueFd others[3];  // as many as a stop closes
+  before("write", 1, [&] {
+    stopper = std::thread([&] {
       id = gettid();
-      scheduler.WakeUp();
+      scheduler.Stop();
     });
     const auto hasEndedOrWaits = [&] {
       const std::string stat = readFile("/proc/self/task/" + std::to_string(id) + "/stat");
       return id != 0 && (stat.empty() || stat.find(") S ") != std::string::npos);
     };
     EXPECT_TRUE(eventually(hasEndedOrWaits));
+    for (UniqueFd& other : others) other.reset(open("other", O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
   });
-  EXPECT_TRUE(scheduler.Stop());
-  waker.join();
+  EXPECT_TRUE(scheduler.WakeUp());
+  stopper.join();
+  EXPECT_EQ(readFile("other"), "");
 }
 
 TEST_F(Races, APipeIsNeverForProgramsThatOthersStart) {
