@@ -28,7 +28,9 @@ record() { abidw --no-show-locs --no-corpus-path --no-comp-dir-path --no-paramet
 
 if [ "$accept" = --accept ]; then
   cp "$work/$processor.txt" "$here/"
-  [ $processor != arm ] || record | xz -9e >"$here/arm.abi.xz"
+  [ $processor = arm ] || exit 0
+  record >"$work/arm.abi" # not in a pipe, which would hide that it failed
+  xz -9e <"$work/arm.abi" >"$here/arm.abi.xz"
   exit
 fi
 
